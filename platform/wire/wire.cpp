@@ -1,0 +1,233 @@
+#include "wire.hpp"
+
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace wire {
+namespace {
+
+// Passes a document's building events on until the nesting gets too deep.
+class nesting_guard {
+  public:
+    using Ch = char;
+
+    explicit nesting_guard(json::document& into) : into_(into) {}
+
+    bool Null() { return into_.Null(); }
+    bool Bool(bool v) { return into_.Bool(v); }
+    bool Int(int v) { return into_.Int(v); }
+    bool Uint(unsigned v) { return into_.Uint(v); }
+    bool Int64(std::int64_t v) { return into_.Int64(v); }
+    bool Uint64(std::uint64_t v) { return into_.Uint64(v); }
+    bool Double(double v) { return into_.Double(v); }
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool copy) {
+        return into_.RawNumber(text, length, copy);
+    }
+    bool String(const char* text, rapidjson::SizeType length, bool copy) {
+        return into_.String(text, length, copy);
+    }
+    bool Key(const char* text, rapidjson::SizeType length, bool copy) {
+        return into_.Key(text, length, copy);
+    }
+    bool StartObject() { return ++depth_ <= max_nesting && into_.StartObject(); }
+    bool EndObject(rapidjson::SizeType members) {
+        --depth_;
+        return into_.EndObject(members);
+    }
+    bool StartArray() { return ++depth_ <= max_nesting && into_.StartArray(); }
+    bool EndArray(rapidjson::SizeType elements) {
+        --depth_;
+        return into_.EndArray(elements);
+    }
+
+  private:
+    json::document& into_;
+    int depth_ = 0;
+};
+
+// The document's own check of what a generator made, with the reader's verdict kept.
+class line_reader {
+  public:
+    explicit line_reader(std::string_view line) : line_(line) {}
+
+    bool operator()(json::document& into) {
+        constexpr unsigned flags =
+            rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
+        rapidjson::MemoryStream stream(line_.data(), line_.size());
+        rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> text(stream);
+        rapidjson::Reader reader;
+        nesting_guard guard(into);
+        well_formed_ = !reader.Parse<flags>(text, guard).IsError();
+        return well_formed_;
+    }
+
+    bool well_formed() const { return well_formed_; }
+
+  private:
+    std::string_view line_;
+    bool well_formed_ = false;
+};
+
+bool is_blank(std::string_view line) {
+    return line.find_first_not_of(" \t\r\v\f") == std::string_view::npos;
+}
+
+void write_id(json::writer& out, const request_id& id) {
+    struct visitor {
+        json::writer& out;
+        void operator()(std::monostate) const { out.Null(); }
+        void operator()(std::int64_t number) const { out.Int64(number); }
+        void operator()(std::uint64_t number) const { out.Uint64(number); }
+        void operator()(const std::string& text) const {
+            out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+        }
+    };
+    std::visit(visitor{out}, id);
+}
+
+void put(json::buffer& out, std::string_view text) {
+    std::memcpy(out.Push(text.size()), text.data(), text.size());
+}
+
+void write_error(json::writer& out, int code, std::string_view message) {
+    out.StartObject();
+    out.Key("code");
+    out.Int(code);
+    out.Key("message");
+    out.String(message.data(), static_cast<rapidjson::SizeType>(message.size()));
+    out.EndObject();
+}
+
+void begin_message(json::buffer& line, const request_id& id, std::string_view next_key) {
+    put(line, R"({"jsonrpc":"2.0","id":)");
+    json::writer out(line);
+    write_id(out, id);
+    put(line, next_key);
+}
+
+}  // namespace
+
+char* line_splitter::room(std::size_t wanted) {
+    if (begin_ == end_) {
+        begin_ = scanned_ = end_ = 0;
+    } else if (begin_ > 0 && data_.size() - end_ < wanted) {
+        std::memmove(data_.data(), data_.data() + begin_, end_ - begin_);
+        scanned_ -= begin_;
+        end_ -= begin_;
+        begin_ = 0;
+    }
+    if (data_.size() - end_ < wanted)
+        data_.resize(std::max(end_ + wanted, std::min(2 * data_.size(), 2 * max_line_)));
+    return data_.data() + end_;
+}
+
+std::optional<std::string_view> line_splitter::next() {
+    while (!too_long_) {
+        const void* const found = std::memchr(data_.data() + scanned_, '\n', end_ - scanned_);
+        if (found == nullptr) {
+            scanned_ = end_;
+            too_long_ = end_ - begin_ >= max_line_;
+            return std::nullopt;
+        }
+        const auto line_end =
+            static_cast<std::size_t>(static_cast<const char*>(found) - data_.data());
+        if (line_end + 1 - begin_ > max_line_) {
+            too_long_ = true;
+            return std::nullopt;
+        }
+        std::string_view line(data_.data() + begin_, line_end - begin_);
+        begin_ = scanned_ = line_end + 1;
+        if (!line.empty() && line.back() == '\r')
+            line.remove_suffix(1);
+        if (!is_blank(line))
+            return line;
+    }
+    return std::nullopt;
+}
+
+bool line_splitter::has_line() const {
+    return std::memchr(data_.data() + scanned_, '\n', end_ - scanned_) != nullptr;
+}
+
+bool parse(std::string_view line, json::document& into) {
+    // The reader takes a NUL for the end of the text.
+    if (line.find('\0') != std::string_view::npos)
+        return false;
+    line_reader reader(line);
+    into.Populate(reader);
+    return reader.well_formed();
+}
+
+std::variant<request, refusal> as_request(const json::value& line) {
+    if (!line.IsObject())
+        return refusal{true, {}};
+    request found{};
+    if (const json::value* id = json::find(line, "id")) {
+        if (id->IsInt64())
+            found.id = id->GetInt64();
+        else if (id->IsUint64())
+            found.id = id->GetUint64();
+        else if (id->IsString())
+            found.id = std::string(id->GetString(), id->GetStringLength());
+        else
+            return refusal{true, {}};
+    }
+    const bool wants_answer = !std::holds_alternative<std::monostate>(found.id);
+    const json::value* version = json::find(line, "jsonrpc");
+    const json::value* method = json::find(line, "method");
+    const bool right_version = version != nullptr && version->IsString() &&
+                               std::string_view("2.0") == version->GetString();
+    if (!right_version || method == nullptr || !method->IsString())
+        return refusal{wants_answer, found.id};
+    found.method = {method->GetString(), method->GetStringLength()};
+    found.params = json::find(line, "params");
+    return found;
+}
+
+void begin_reply(json::buffer& line, const request_id& id) {
+    begin_message(line, id, R"(,"result":)");
+}
+
+void end_reply(json::buffer& line) {
+    put(line, "}\n");
+}
+
+void write_error_reply(json::buffer& line, const request_id& id, int code,
+                       std::string_view message) {
+    begin_message(line, id, R"(,"error":)");
+    json::writer out(line);
+    write_error(out, code, message);
+    end_reply(line);
+}
+
+void write_entry_error(json::writer& out, int code, std::string_view message) {
+    out.StartObject();
+    out.Key("error");
+    write_error(out, code, message);
+    out.EndObject();
+}
+
+std::string event_line(const json::value& params) {
+    json::buffer line;
+    put(line, R"({"jsonrpc":"2.0","method":"event","params":)");
+    json::writer out(line);
+    params.Accept(out);
+    end_reply(line);
+    return {line.GetString(), line.GetSize()};
+}
+
+std::string_view without_leading_slash(std::string_view path) {
+    return path.starts_with('/') ? path.substr(1) : path;
+}
+
+bool is_under(std::string_view path, std::string_view prefix) {
+    if (prefix.empty())
+        return true;
+    return path.starts_with(prefix) && (path.size() == prefix.size() || path[prefix.size()] == '/');
+}
+
+}  // namespace wire
