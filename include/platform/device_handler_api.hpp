@@ -31,10 +31,13 @@ class dh_server {
     // there, logs it at severity 3 and tries again every 5 seconds.
     void listen_on_interface(const std::string& interface, unsigned port);
 
+    // Tells all subscribers that the server ends, and gives up the unix path.
+    void announce_end();
+
     class implementation;
 
   private:
-    dh_db db_;  // outlives the sessions
+    dh_db db_;  // before the sessions, which use it
     std::unique_ptr<implementation> implementation_;
 };
 

@@ -79,7 +79,8 @@ class dh_db_leaf_node : public dh_db_node, public std::enable_shared_from_this<d
     virtual bool subscription_supported() const;
     // Adds the session to the subscribers and the current value to `out` as the
     // member `key`. `lock` comes unlocked, on the mutex that guards the
-    // session's own list of subscriptions.
+    // session's own list of subscriptions, and is locked once the session is
+    // among the subscribers.
     virtual void subscribe(std::shared_ptr<dh_session>, const std::string& key, json::allocator&,
                            json::value& out, std::unique_lock<std::mutex>& lock);
     virtual void unsubscribe(std::shared_ptr<dh_session>);

@@ -116,7 +116,6 @@ void dh_db_event_node::subscribe(std::shared_ptr<dh_session> session, const std:
     lock.lock();
     if (std::find(subscribers_.begin(), subscribers_.end(), session) == subscribers_.end())
         subscribers_.push_back(std::move(session));
-    lock.unlock();
 }
 
 void dh_db_event_node::unsubscribe(std::shared_ptr<dh_session> session) {

@@ -72,6 +72,9 @@ class line_reader {
     bool well_formed_ = false;
 };
 
+// What a splitter keeps when nothing waits in it.
+constexpr std::size_t kept_memory = std::size_t{64} << 10;
+
 bool is_blank(std::string_view line) {
     return line.find_first_not_of(" \t\r\v\f") == std::string_view::npos;
 }
@@ -114,6 +117,10 @@ void begin_message(json::buffer& line, const request_id& id, std::string_view ne
 char* line_splitter::room(std::size_t wanted) {
     if (begin_ == end_) {
         begin_ = scanned_ = end_ = 0;
+        if (data_.size() > kept_memory) {
+            data_.resize(kept_memory);
+            data_.shrink_to_fit();
+        }
     } else if (begin_ > 0 && data_.size() - end_ < wanted) {
         std::memmove(data_.data(), data_.data() + begin_, end_ - begin_);
         scanned_ -= begin_;

@@ -1,0 +1,721 @@
+#include "connection.hpp"
+
+#include "library_threads.hpp"
+#include "msg_log.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <unordered_set>
+#include <utility>
+
+using connection = device_handler_client_base::connection;
+using dh::client::library_threads;
+using std::chrono::milliseconds;
+
+namespace {
+
+const std::string log_channel = "dh_client";
+
+constexpr milliseconds first_connection_limit{10'000};
+constexpr milliseconds handshake_limit{10'000};
+// Between two attempts to connect.
+constexpr milliseconds attempt_pause{100};
+// How long a reader sleeps in the socket before it looks at the time limits.
+constexpr milliseconds reader_nap{100};
+constexpr std::size_t receive_size = std::size_t{16} << 10;
+// Events that wait for the event thread; past that, only the newest value of each path.
+constexpr std::size_t max_waiting_events = 1024;
+
+std::atomic<std::uint64_t> next_id{1};
+
+std::string_view text_of(const json::value& v) {
+    return {v.GetString(), v.GetStringLength()};
+}
+
+std::string text_member(const json::value& object, const char* key) {
+    const json::value* member = json::find(object, key);
+    return member != nullptr && member->IsString() ? std::string(text_of(*member)) : std::string();
+}
+
+dh_client_exception error_of(const json::value& error) {
+    const json::value* code = json::find(error, "code");
+    return {code != nullptr ? dh::client::error_code_of(*code) : dh_error_code::unknown,
+            text_member(error, "message")};
+}
+
+// A node in error sends its first event with {"code", "message"} as the value.
+bool is_error_value(const json::value& v) {
+    if (!v.IsObject() || v.MemberCount() != 2)
+        return false;
+    const json::value* code = json::find(v, "code");
+    const json::value* message = json::find(v, "message");
+    return code != nullptr && code->IsInt() && message != nullptr && message->IsString();
+}
+
+// A server that has too many sessions says so, and closes.
+bool is_sent_away(const json::value& first_line) {
+    const json::value* error = json::find(first_line, "error");
+    return error != nullptr && error_of(*error).code == wire::error_code::too_many_sessions;
+}
+
+void become_blocking(int socket) {
+    ::fcntl(socket, F_SETFL, ::fcntl(socket, F_GETFL) & ~O_NONBLOCK);
+    timeval nap{};
+    nap.tv_usec = static_cast<suseconds_t>(reader_nap.count() * 1000);
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &nap, sizeof nap);
+}
+
+}  // namespace
+
+// Asks for the events of paths. Errors of single paths go to their subscribers.
+class connection::subscribe_request : public device_handler_request {
+  public:
+    subscribe_request(const char* method, std::vector<std::string> paths,
+                      std::weak_ptr<connection> owner)
+        : method_(method), paths_(std::move(paths)), owner_(std::move(owner)) {}
+
+    const char* method() const override { return method_; }
+
+    void write_params(json::writer& out) const override {
+        out.StartObject();
+        out.Key("paths");
+        out.StartArray();
+        for (const std::string& path : paths_)
+            out.String(path.data(), static_cast<rapidjson::SizeType>(path.size()));
+        out.EndArray();
+        out.EndObject();
+    }
+
+    bool process_result(const json::value& result) override {
+        if (!result.IsArray() || result.Size() != paths_.size())
+            return false;
+        const auto owner = owner_.lock();
+        for (rapidjson::SizeType i = 0; owner && i < result.Size(); ++i) {
+            if (const json::value* error = json::find(result[i], "error"))
+                owner->queue_event({event::kind::error, paths_[i], false, {}, error_of(*error), 0});
+        }
+        return true;
+    }
+
+    // A connection that fails renews its subscriptions when it stands again.
+    void report_local_error(int, const std::string&) override {}
+
+  private:
+    const char* const method_;
+    const std::vector<std::string> paths_;
+    const std::weak_ptr<connection> owner_;
+};
+
+connection::link::~link() {
+    ::close(socket);
+}
+
+connection::connection(endpoint where, std::string name,
+                       std::weak_ptr<device_handler_connection_subscriber> subscriber)
+    : where_(std::move(where)),
+      name_(std::move(name)),
+      connection_subscriber_(std::move(subscriber)) {}
+
+bool connection::is_up() const {
+    const std::lock_guard lock(mutex_);
+    return state_ == state::up;
+}
+
+bool connection::is_down() const {
+    const std::lock_guard lock(mutex_);
+    return state_ == state::down;
+}
+
+void connection::require_up(milliseconds limit) {
+    lock_type lock(mutex_);
+    const bool decided = changed_.wait_for(
+        lock, limit, [this] { return state_ == state::up || failed_attempts_ > 0; });
+    if (!decided)
+        throw dh_client_exception{dh_client_code::timed_out, "timed out"};
+    if (state_ != state::up)
+        throw dh_client_exception{dh_client_code::not_connected, "not connected"};
+}
+
+void connection::close() {
+    std::shared_ptr<link> open;
+    {
+        const std::lock_guard lock(mutex_);
+        open = link_;
+        state_ = state::closed;
+        subscriptions_.clear();
+    }
+    if (open)
+        break_link(open, dh_client_code::connection_lost, "connection lost");
+}
+
+// --- Requests ---------------------------------------------------------------------
+
+void connection::send(const std::shared_ptr<device_handler_request>& request,
+                      const std::shared_ptr<device_handler_client_base>& client) {
+    thread_local json::buffer line;
+    line.Clear();
+    const std::uint64_t id = next_id.fetch_add(1, std::memory_order_relaxed);
+    wire::write_request(line, id, request->method(),
+                        [&](json::writer& out) { request->write_params(out); });
+    if (line.GetSize() > wire::max_request_line) {
+        request->report_local_error(wire::error_code::not_a_request,
+                                    "the line is longer than 1 MiB");
+        line.ShrinkToFit();
+        return;
+    }
+    const std::lock_guard sending(send_mutex_);
+    const auto open = enter_outstanding(id, request, client);
+    if (open)
+        send_bytes(open, {line.GetString(), line.GetSize()}, request->time_limit());
+    else
+        request->report_local_error(dh_client_code::not_connected, "not connected");
+}
+
+void connection::wait_for_first_connection(lock_type& lock) {
+    changed_.wait_until(lock, created_ + first_connection_limit, [this] {
+        return was_up_ || state_ == state::up || state_ == state::closed;
+    });
+}
+
+std::shared_ptr<connection::link> connection::enter_outstanding(
+    std::uint64_t id, const std::shared_ptr<device_handler_request>& request,
+    const std::shared_ptr<device_handler_client_base>& client) {
+    lock_type lock(mutex_);
+    if (state_ != state::up && !was_up_)
+        wait_for_first_connection(lock);
+    if (state_ != state::up)
+        return nullptr;
+    if (outstanding_.empty())
+        front_since_ = clock::now();
+    outstanding_.push_back({id, request});
+    request->gate()->client_ = client;
+    return link_;
+}
+
+void connection::send_bytes(const std::shared_ptr<link>& open, std::string_view bytes,
+                            milliseconds limit) {
+    const auto end = clock::now() + limit;
+    while (!bytes.empty()) {
+        const ssize_t sent =
+            ::send(open->socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            pollfd writable{open->socket, POLLOUT, 0};
+            ::poll(&writable, 1, static_cast<int>(reader_nap.count()));
+            if (clock::now() >= end) {
+                break_link(open, dh_client_code::timed_out, "timed out");
+                return;
+            }
+        } else if (errno != EINTR) {
+            break_link(open, dh_client_code::connection_lost, "connection lost");
+            return;
+        }
+    }
+}
+
+void connection::await(const device_handler_reply_gate& gate) {
+    lock_type lock(mutex_);
+    while (!gate.done_) {
+        const std::shared_ptr<link> open = link_;
+        if (open && take_reading_role(*open)) {
+            lock.unlock();
+            read_once(open, 0);
+            lock.lock();
+            give_up_reading_role(*open);
+        } else {
+            changed_.wait_for(lock, reader_nap);
+        }
+        if (!gate.done_)
+            check_time_limits(lock);
+    }
+}
+
+bool connection::take_reading_role(link& open) {
+    return !std::exchange(open.has_reader, true);
+}
+
+void connection::give_up_reading_role(link& open) {
+    open.has_reader = false;
+    if (std::exchange(open.event_thread_asked, false))
+        library_threads::instance().serve_when_readable(open.socket, shared_from_this());
+    changed_.notify_all();
+}
+
+void connection::read_once(const std::shared_ptr<link>& open, int flags) {
+    char* const room = open->lines.room(receive_size);
+    const ssize_t got = ::recv(open->socket, room, open->lines.room_size(), flags);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return;
+    if (got <= 0) {
+        break_link(open, dh_client_code::connection_lost, "connection lost");
+        return;
+    }
+    open->lines.filled(static_cast<std::size_t>(got));
+    while (const auto line = open->lines.next())
+        process_line(open, *line);
+    if (open->lines.too_long())
+        break_link(open, dh_client_code::bad_reply, "bad reply");
+}
+
+void connection::process_line(const std::shared_ptr<link>& open, std::string_view line) {
+    json::document parsed(&open->memory);
+    if (!wire::parse(line, parsed) || !parsed.IsObject()) {
+        MSG_LOG(log_channel, msg_log::failure)
+            << "msg: " << where_.description << " sent a line that is no message";
+        break_link(open, dh_client_code::bad_reply, "bad reply");
+        return;
+    }
+    bool is_first = false;
+    {
+        const std::lock_guard lock(mutex_);
+        is_first = link_ == open && state_ == state::handshaking;
+    }
+    if (is_first && is_sent_away(parsed)) {
+        break_link(open, dh_client_code::connection_lost, "connection lost");
+        return;
+    }
+    const json::value* method = json::find(parsed, "method");
+    if (method == nullptr) {
+        if (!is_first)
+            process_reply(parsed);
+    } else if (const json::value* params = json::find(parsed, "params")) {
+        process_event(*params);
+    }
+    if (is_first)
+        came_up();
+    parsed.SetNull();
+    open->memory.Clear();
+}
+
+void connection::process_reply(const json::value& reply) {
+    std::shared_ptr<device_handler_request> request;
+    {
+        const json::value* id = json::find(reply, "id");
+        const std::lock_guard lock(mutex_);
+        auto answered = outstanding_.end();
+        if (id != nullptr && id->IsUint64())
+            answered = std::find_if(outstanding_.begin(), outstanding_.end(),
+                                    [&](const outstanding& o) { return o.id == id->GetUint64(); });
+        else if (id == nullptr || id->IsNull())
+            answered = outstanding_.begin();  // a refusal; answers come in order
+        if (answered == outstanding_.end())
+            return;
+        request = std::move(answered->request);
+        outstanding_.erase(answered);
+        front_since_ = clock::now();
+    }
+    if (const json::value* error = json::find(reply, "error")) {
+        const dh_client_exception what = error_of(*error);
+        request->report_local_error(what.code, what.message);
+    } else {
+        const json::value* result = json::find(reply, "result");
+        if (result == nullptr || !request->process_result(*result))
+            request->report_local_error(dh_client_code::bad_reply, "bad reply");
+    }
+    finish(request);
+}
+
+void connection::finish(const std::shared_ptr<device_handler_request>& request) {
+    const std::lock_guard lock(mutex_);
+    request->gate()->done_ = true;
+    changed_.notify_all();
+}
+
+// --- Events -----------------------------------------------------------------------
+
+void connection::process_event(const json::value& params) {
+    event came{};
+    came.path = text_member(params, "path");
+    const std::string kind = text_member(params, "event");
+    const json::value* initial = json::find(params, "initial");
+    came.is_first = initial != nullptr && initial->IsTrue();
+    const json::value* value = json::find(params, "value");
+    const json::value* error = json::find(params, "error");
+    const json::value* reason = json::find(params, "reason");
+    if (kind == "value" && value != nullptr) {
+        came.what = event::kind::value;
+        if (is_error_value(*value)) {
+            came.what = event::kind::error;
+            came.error = error_of(*value);
+        } else {
+            came.value.CopyFrom(*value, came.value.GetAllocator());
+        }
+    } else if (kind == "error" && error != nullptr) {
+        came.what = event::kind::error;
+        came.error = error_of(*error);
+    } else if (kind == "ended") {
+        came.what = event::kind::ended;
+        came.reason = reason != nullptr && reason->IsInt() ? reason->GetInt() : 0;
+    } else {
+        return;
+    }
+    queue_event(std::move(came));
+}
+
+void connection::queue_event(event&& came) {
+    const std::lock_guard lock(mutex_);
+    if (!subscriptions_.contains(came.path))
+        return;
+    const bool replaces_waiting =
+        events_.size() >= max_waiting_events && came.what != event::kind::ended;
+    if (replaces_waiting)
+        std::erase_if(events_, [&](const event& waiting) {
+            return waiting.path == came.path && waiting.what != event::kind::ended;
+        });
+    events_.push_back(std::move(came));
+    if (events_.size() == 1 && !library_threads::is_event_thread())
+        library_threads::instance().serve_soon(shared_from_this());
+}
+
+void connection::serve_events() {
+    std::shared_ptr<link> open;
+    bool may_read = false;
+    bool renew = false;
+    {
+        const std::lock_guard lock(mutex_);
+        open = link_;
+        renew = std::exchange(renewal_is_due_, false);
+        may_read = open && state_ == state::up && take_reading_role(*open);
+        if (open && !may_read)
+            open->event_thread_asked = true;
+    }
+    if (renew)
+        renew_subscriptions();
+    if (may_read) {
+        read_once(open, MSG_DONTWAIT);
+        const std::lock_guard lock(mutex_);
+        open->event_thread_asked = false;
+        give_up_reading_role(*open);
+    }
+    for (;;) {
+        event next{};
+        {
+            const std::lock_guard lock(mutex_);
+            if (events_.empty())
+                break;
+            next = std::move(events_.front());
+            events_.pop_front();
+        }
+        deliver(next);
+    }
+    if (may_read) {
+        const std::lock_guard lock(mutex_);
+        if (link_ == open)
+            listen_for_events_locked();
+    }
+}
+
+void connection::deliver(const event& came) {
+    std::vector<std::shared_ptr<device_handler_subscriber>> called;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = subscriptions_.find(came.path);
+        if (found == subscriptions_.end())
+            return;
+        for (subscription& each : found->second) {
+            // The first event answers a subscribe; who has had it knows the value.
+            if (came.is_first && !each.awaits_first_event)
+                continue;
+            each.awaits_first_event = false;
+            called.push_back(each.subscriber);
+        }
+    }
+    for (const auto& subscriber : called) {
+        try {
+            call_subscriber(*subscriber, came);
+        } catch (const json_value_conversion_error& error) {
+            MSG_LOG(log_channel, msg_log::warning)
+                << "msg: " << name_ << ", event of " << came.path << " dropped: expected "
+                << error.expected << ", found " << error.found;
+        } catch (const dh_client_exception& error) {
+            MSG_LOG(log_channel, msg_log::warning)
+                << "msg: " << name_ << ", event of " << came.path << ": " << error.message;
+        } catch (const std::exception& error) {
+            MSG_LOG(log_channel, msg_log::warning)
+                << "msg: " << name_ << ", event of " << came.path << ": " << error.what();
+        }
+    }
+}
+
+void connection::call_subscriber(device_handler_subscriber& subscriber, const event& came) const {
+    switch (came.what) {
+        case event::kind::value:
+            subscriber.send_changed_value_event(came.path, came.value);
+            break;
+        case event::kind::error:
+            subscriber.send_exception_event(came.path, came.error);
+            break;
+        case event::kind::ended:
+            subscriber.send_subscription_ended_event(
+                came.path, static_cast<subscription_ended_rc>(came.reason));
+            break;
+    }
+}
+
+void connection::add_subscriber(std::shared_ptr<device_handler_subscriber> subscriber) {
+    const std::string path = subscriber->path();
+    {
+        const std::lock_guard lock(mutex_);
+        subscriptions_[path].push_back({std::move(subscriber), true});
+        if (state_ != state::up)
+            return;
+        listen_for_events_locked();
+    }
+    request_subscriptions({path});
+}
+
+void connection::remove_subscriber(const std::shared_ptr<device_handler_subscriber>& subscriber) {
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = subscriptions_.find(subscriber->path());
+        if (found == subscriptions_.end())
+            return;
+        std::erase_if(found->second,
+                      [&](const subscription& each) { return each.subscriber == subscriber; });
+        if (!found->second.empty())
+            return;
+        subscriptions_.erase(found);
+        if (state_ != state::up)
+            return;
+    }
+    send(std::make_shared<subscribe_request>(
+             "unsubscribe", std::vector<std::string>{subscriber->path()}, weak_from_this()),
+         nullptr);
+}
+
+void connection::renew_subscriptions() {
+    std::vector<std::string> paths;
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_ != state::up)
+            return;
+        for (auto& [path, subscribed] : subscriptions_) {
+            for (subscription& each : subscribed)
+                each.awaits_first_event = true;
+            paths.push_back(path);
+        }
+        if (!paths.empty())
+            listen_for_events_locked();
+    }
+    request_subscriptions(std::move(paths));
+}
+
+void connection::request_subscriptions(std::vector<std::string> paths) {
+    for (std::size_t begin = 0; begin < paths.size(); begin += wire::max_entries) {
+        const std::size_t end = std::min(begin + wire::max_entries, paths.size());
+        const auto first = paths.begin() + static_cast<std::ptrdiff_t>(begin);
+        const auto last = paths.begin() + static_cast<std::ptrdiff_t>(end);
+        send(std::make_shared<subscribe_request>("subscribe", std::vector<std::string>(first, last),
+                                                 weak_from_this()),
+             nullptr);
+    }
+}
+
+void connection::listen_for_events_locked() {
+    if (link_ && !subscriptions_.empty())
+        library_threads::instance().serve_when_readable(link_->socket, shared_from_this());
+}
+
+// --- Life of the connection -------------------------------------------------------
+
+void connection::supervise() {
+    std::shared_ptr<link> open;
+    state current{};
+    bool reads = false;
+    {
+        lock_type lock(mutex_);
+        current = state_;
+        open = link_;
+        const bool never_came = !was_up_ && clock::now() >= created_ + first_connection_limit;
+        if (never_came && current != state::closed && !std::exchange(told_lost_, true))
+            raise_lost_event();
+        if (current == state::up)
+            check_time_limits(lock);
+        const bool has_something_to_read = current == state::handshaking || current == state::up;
+        reads = open && has_something_to_read && link_ == open && take_reading_role(*open);
+    }
+    if (reads) {
+        // Also what nobody waits for, and the end of the stream.
+        read_once(open, MSG_DONTWAIT);
+        const std::lock_guard lock(mutex_);
+        give_up_reading_role(*open);
+    }
+    switch (current) {
+        case state::down:
+            if (clock::now() - last_attempt_ >= attempt_pause)
+                connect();
+            break;
+        case state::connecting:
+            connecting_socket_is_ready(open);
+            break;
+        case state::handshaking: {
+            lock_type lock(mutex_);
+            const bool overdue = state_ == state::handshaking && link_ == open &&
+                                 clock::now() - state_since_ > handshake_limit;
+            if (overdue)
+                fail_attempt_locked();
+            else if (link_ == open && state_ == state::handshaking)
+                library_threads::instance().look_when_ready(open->socket, EPOLLIN | EPOLLRDHUP);
+            break;
+        }
+        case state::up:
+        case state::closed:
+            break;
+    }
+}
+
+void connection::connect() {
+    last_attempt_ = clock::now();
+    const int socket = where_.open_socket();
+    if (socket < 0) {
+        const std::lock_guard lock(mutex_);
+        ++failed_attempts_;
+        changed_.notify_all();
+        return;
+    }
+    const auto open = std::make_shared<link>(socket);
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_ != state::down)
+            return;
+        link_ = open;
+        state_ = state::connecting;
+        state_since_ = clock::now();
+    }
+    connecting_socket_is_ready(open);
+}
+
+void connection::connecting_socket_is_ready(const std::shared_ptr<link>& open) {
+    pollfd writable{open->socket, POLLOUT, 0};
+    const bool is_ready = ::poll(&writable, 1, 0) > 0;
+    int error = 0;
+    socklen_t size = sizeof error;
+    ::getsockopt(open->socket, SOL_SOCKET, SO_ERROR, &error, &size);
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_ != state::connecting || link_ != open)
+            return;
+        const bool overdue = clock::now() - state_since_ > handshake_limit;
+        if (error != 0 || (!is_ready && overdue)) {
+            fail_attempt_locked();
+            return;
+        }
+    }
+    if (is_ready)
+        begin_handshake(open);
+    else
+        library_threads::instance().look_when_ready(open->socket, EPOLLOUT);
+}
+
+// The other side counts as there when it has answered something.
+void connection::begin_handshake(const std::shared_ptr<link>& open) {
+    become_blocking(open->socket);
+    json::buffer line;
+    wire::write_request(line, next_id.fetch_add(1, std::memory_order_relaxed), "version",
+                        [](json::writer& out) {
+                            out.StartObject();
+                            out.EndObject();
+                        });
+    const ssize_t sent =
+        ::send(open->socket, line.GetString(), line.GetSize(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    const std::lock_guard lock(mutex_);
+    if (state_ != state::connecting || link_ != open)
+        return;
+    if (sent != static_cast<ssize_t>(line.GetSize())) {
+        fail_attempt_locked();
+        return;
+    }
+    state_ = state::handshaking;
+    state_since_ = clock::now();
+    library_threads::instance().look_when_ready(open->socket, EPOLLIN | EPOLLRDHUP);
+}
+
+void connection::came_up() {
+    const std::lock_guard lock(mutex_);
+    if (state_ != state::handshaking)
+        return;
+    state_ = state::up;
+    was_up_ = true;
+    failed_attempts_ = 0;
+    library_threads::instance().look_when_ready(link_->socket, EPOLLRDHUP);
+    if (!subscriptions_.empty()) {
+        renewal_is_due_ = true;
+        library_threads::instance().serve_soon(shared_from_this());
+    }
+    library_threads::instance().raise([subscriber = connection_subscriber_, name = name_] {
+        if (const auto told = subscriber.lock())
+            told->connection_established_event(name);
+    });
+    changed_.notify_all();
+}
+
+void connection::raise_lost_event() {
+    library_threads::instance().raise([subscriber = connection_subscriber_, name = name_] {
+        if (const auto told = subscriber.lock())
+            told->connection_lost_event(name);
+    });
+}
+
+// The time of a request runs from when the one before it was answered: the
+// other side answers in order, and the first may rightly take its time.
+void connection::check_time_limits(lock_type& lock) {
+    if (outstanding_.empty() || !link_)
+        return;
+    const auto limit = outstanding_.front().request->time_limit();
+    if (clock::now() - front_since_ < limit)
+        return;
+    const auto open = link_;
+    lock.unlock();
+    break_link(open, dh_client_code::timed_out, "timed out");
+    lock.lock();
+}
+
+void connection::fail_attempt_locked() {
+    ::shutdown(link_->socket, SHUT_RDWR);
+    link_.reset();
+    state_ = state::down;
+    ++failed_attempts_;
+    changed_.notify_all();
+}
+
+// The code is that of the request that was next to be answered; those behind
+// it have lost their connection.
+void connection::break_link(const std::shared_ptr<link>& open, int code,
+                            const std::string& message) {
+    std::deque<outstanding> failed;
+    {
+        const std::lock_guard lock(mutex_);
+        if (link_ != open)
+            return;
+        ::shutdown(open->socket, SHUT_RDWR);
+        link_.reset();
+        failed.swap(outstanding_);
+        if (state_ == state::handshaking)
+            ++failed_attempts_;
+        else if (state_ == state::up)
+            raise_lost_event();
+        if (state_ != state::closed)
+            state_ = state::down;
+    }
+    bool is_front = true;
+    for (const outstanding& each : failed) {
+        if (std::exchange(is_front, false))
+            each.request->report_local_error(code, message);
+        else
+            each.request->report_local_error(dh_client_code::connection_lost, "connection lost");
+        finish(each.request);
+    }
+    const std::lock_guard lock(mutex_);
+    changed_.notify_all();
+    library_threads::instance().wake_supervisor();
+}

@@ -1,0 +1,143 @@
+// The connection behind a client: made, kept, made anew; requests out, replies
+// and events in.
+//
+// Whoever waits for a reply reads it: at any time at most one thread has a
+// link's reading role, and hands each reply to the request that it answers.
+// Values that arrive meanwhile are left to the library's event thread, which
+// reads by itself the links that have subscriptions. The library's supervisor
+// connects, looks after time limits, and reads what nobody waits for.
+#pragma once
+
+#include "device_handler_client.hpp"
+#include "wire.hpp"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class device_handler_client_base::connection
+    : public std::enable_shared_from_this<device_handler_client_base::connection> {
+  public:
+    using clock = std::chrono::steady_clock;  // time limits are in real time
+
+    connection(endpoint where, std::string name,
+               std::weak_ptr<device_handler_connection_subscriber> subscriber);
+
+    // From the client, on any thread.
+    void send(const std::shared_ptr<device_handler_request>& request,
+              const std::shared_ptr<device_handler_client_base>& client);
+    void await(const device_handler_reply_gate& gate);
+    bool is_up() const;
+    void require_up(std::chrono::milliseconds limit);
+    void add_subscriber(std::shared_ptr<device_handler_subscriber>);
+    void remove_subscriber(const std::shared_ptr<device_handler_subscriber>&);
+    void close();
+
+    // From the supervisor: does what is due.
+    void supervise();
+    bool is_down() const;
+
+    // From the event thread: reads, and delivers what has come.
+    void serve_events();
+
+  private:
+    enum class state { down, connecting, handshaking, up, closed };
+
+    // One socket, for as long as it lasts.
+    struct link {
+        explicit link(int socket_) : socket(socket_) {}
+        ~link();
+        link(const link&) = delete;
+        link& operator=(const link&) = delete;
+
+        const int socket;
+        bool has_reader = false;          // guarded by mutex_, as is the next one
+        bool event_thread_asked = false;  // found a reader, and wants to be told
+
+        // Of the reader.
+        wire::line_splitter lines{wire::max_reply_line};
+        json::allocator memory{4096};
+    };
+
+    struct outstanding {
+        std::uint64_t id;
+        std::shared_ptr<device_handler_request> request;
+    };
+
+    struct subscription {
+        std::shared_ptr<device_handler_subscriber> subscriber;
+        bool awaits_first_event;
+    };
+
+    struct event {
+        enum class kind { value, error, ended } what;
+        std::string path;
+        bool is_first = false;
+        json::document value;  // of a value event
+        dh_client_exception error{0, {}};
+        int reason = 0;
+    };
+
+    class subscribe_request;
+
+    using lock_type = std::unique_lock<std::mutex>;
+
+    void wait_for_first_connection(lock_type&);
+    std::shared_ptr<link> enter_outstanding(std::uint64_t id,
+                                            const std::shared_ptr<device_handler_request>&,
+                                            const std::shared_ptr<device_handler_client_base>&);
+    void send_bytes(const std::shared_ptr<link>&, std::string_view bytes,
+                    std::chrono::milliseconds limit);
+
+    bool take_reading_role(link&);
+    void give_up_reading_role(link&);
+    void read_once(const std::shared_ptr<link>&, int flags);
+    void process_line(const std::shared_ptr<link>&, std::string_view line);
+    void process_reply(const json::value& reply);
+    void process_event(const json::value& params);
+    void queue_event(event&&);
+    void finish(const std::shared_ptr<device_handler_request>&);
+
+    void connect();
+    void connecting_socket_is_ready(const std::shared_ptr<link>&);
+    void begin_handshake(const std::shared_ptr<link>&);
+    void came_up();
+    void check_time_limits(lock_type&);
+    void fail_attempt_locked();
+    void break_link(const std::shared_ptr<link>&, int code, const std::string& message);
+    void raise_lost_event();
+
+    void renew_subscriptions();
+    void request_subscriptions(std::vector<std::string> paths);
+    void listen_for_events_locked();
+    void deliver(const event&);
+    void call_subscriber(device_handler_subscriber&, const event&) const;
+
+    const endpoint where_;
+    const std::string name_;
+    const std::weak_ptr<device_handler_connection_subscriber> connection_subscriber_;
+    const clock::time_point created_ = clock::now();
+
+    std::mutex send_mutex_;  // one request after the other; taken before mutex_
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    state state_ = state::down;
+    std::shared_ptr<link> link_;
+    bool was_up_ = false;
+    bool told_lost_ = false;  // the event of a first connection that never came
+    unsigned failed_attempts_ = 0;
+    clock::time_point last_attempt_;  // of the supervisor alone
+    clock::time_point state_since_ = clock::now();
+    std::deque<outstanding> outstanding_;
+    clock::time_point front_since_;  // when the first of them became the next to be answered
+    std::map<std::string, std::vector<subscription>, std::less<>> subscriptions_;
+    bool renewal_is_due_ = false;
+    std::deque<event> events_;
+};

@@ -1,0 +1,504 @@
+#include "session.hpp"
+
+#include "host.hpp"
+#include "msg_log.hpp"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <exception>
+
+namespace {
+
+constexpr std::size_t receive_size = std::size_t{16} << 10;
+constexpr std::size_t max_watched_prefixes = 1024;
+// How long a client may take nothing of what it asked for.
+constexpr std::chrono::milliseconds client_patience{10'000};
+// What a client that is sent away may still have under way.
+constexpr std::size_t max_drained_bytes = std::size_t{32} << 20;
+constexpr int reason_server_ends = 2;
+
+constexpr const char* value_key = "value";
+
+std::string_view text_of(const json::value& v) {
+    return {v.GetString(), v.GetStringLength()};
+}
+
+// The member `name` of the params, a list of 1 to 1024 entries that all have
+// the form; null where anything is amiss.
+template <class HasForm>
+const json::value* entry_list(const wire::request& request, const char* name,
+                              const HasForm& has_form) {
+    const json::value* list =
+        request.params != nullptr ? json::find(*request.params, name) : nullptr;
+    if (list == nullptr || !list->IsArray() || list->Empty() || list->Size() > wire::max_entries)
+        return nullptr;
+    return std::all_of(list->Begin(), list->End(), has_form) ? list : nullptr;
+}
+
+bool is_path(const json::value& entry) {
+    return entry.IsString();
+}
+
+bool is_item(const json::value& entry) {
+    const json::value* path = json::find(entry, "path");
+    return path != nullptr && path->IsString() && json::find(entry, value_key) != nullptr;
+}
+
+const json::value* path_list(const wire::request& request) {
+    return entry_list(request, "paths", is_path);
+}
+
+const json::value* prefix_of(const wire::request& request) {
+    const json::value* prefix =
+        request.params != nullptr ? json::find(*request.params, "prefix") : nullptr;
+    return prefix != nullptr && prefix->IsString() ? prefix : nullptr;
+}
+
+}  // namespace
+
+session::session(int socket, dh_db& db, const std::string& server_name, const server_limits& limits,
+                 std::function<void()> await_writable)
+    : socket_(socket),
+      db_(db),
+      server_name_(server_name),
+      limits_(limits),
+      outbox_(socket, limits.unread_bytes, std::move(await_writable)),
+      request_memory_(receive_size),
+      entry_memory_(receive_size) {}
+
+session::~session() {
+    ::close(socket_);
+}
+
+void session::run() {
+    while (receive())
+        execute_received_lines();
+    if (lines_.too_long())
+        refuse_long_line();
+    end();
+}
+
+bool session::receive() {
+    if (lines_.too_long())
+        return false;
+    char* const room = lines_.room(receive_size);
+    for (;;) {
+        const ssize_t result = ::recv(socket_, room, lines_.room_size(), 0);
+        if (result > 0) {
+            lines_.filled(static_cast<std::size_t>(result));
+            return true;
+        }
+        if (result == 0 || errno != EINTR)
+            return false;
+    }
+}
+
+void session::execute_received_lines() {
+    while (const auto line = lines_.next()) {
+        // What the client does not take holds up its own next request, and nothing else.
+        if (!outbox_.wait_for_client(false, client_patience))
+            return;
+        execute_line(*line);
+        request_memory_.Clear();
+    }
+    send_finished_replies();
+}
+
+void session::execute_line(std::string_view line) {
+    json::document parsed(&request_memory_);
+    if (!wire::parse(line, parsed)) {
+        fail({}, wire::error_code::not_json, "the line is not JSON");
+        return;
+    }
+    const auto found = wire::as_request(parsed);
+    if (const auto* refused = std::get_if<wire::refusal>(&found)) {
+        if (refused->answer)
+            fail({refused->id, {}, nullptr}, wire::error_code::not_a_request,
+                 "not a request of JSON-RPC 2.0");
+        return;
+    }
+    execute(std::get<request>(found));
+}
+
+void session::execute(const request& asked) {
+    struct entry {
+        std::string_view name;
+        method execute;
+    };
+    static constexpr std::array<entry, 10> methods{{
+        {"read", &session::read},
+        {"write", &session::write},
+        {"subscribe", &session::subscribe},
+        {"unsubscribe", &session::unsubscribe},
+        {"info", &session::info},
+        {"list", &session::list},
+        {"watch", &session::watch},
+        {"unwatch", &session::unwatch},
+        {"history", &session::history},
+        {"version", &session::version},
+    }};
+    const auto* const known = std::find_if(methods.begin(), methods.end(),
+                                           [&](const entry& m) { return m.name == asked.method; });
+    const bool wants_answer = !std::holds_alternative<std::monostate>(asked.id);
+    if (known != methods.end())
+        (this->*known->execute)(asked);
+    else if (wants_answer)
+        fail(asked, wire::error_code::unknown_method, "unknown method");
+}
+
+void session::refuse_long_line() {
+    fail({}, wire::error_code::not_a_request, "the line is longer than 1 MiB");
+    send_finished_replies();
+    if (!outbox_.wait_for_client(true, client_patience))
+        return;
+    // A socket that is closed over unread bytes may take the answer with it.
+    ::shutdown(socket_, SHUT_WR);
+    const timeval patience{1, 0};
+    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::array<char, receive_size> ignored{};
+    for (std::size_t drained = 0; drained < max_drained_bytes;) {
+        const ssize_t result = ::recv(socket_, ignored.data(), ignored.size(), 0);
+        if (result <= 0)
+            break;
+        drained += static_cast<std::size_t>(result);
+    }
+}
+
+void session::end() {
+    outbox_.wait_for_client(true, client_patience);
+    outbox_.break_off();
+    const auto self = shared_from_this();
+    db_.unwatch_all(self);
+    std::map<std::string, std::weak_ptr<dh_db_leaf_node>, std::less<>> subscribed;
+    {
+        const std::lock_guard lock(subscriptions_mutex_);
+        subscribed.swap(subscriptions_);
+    }
+    for (const auto& [path, weak_node] : subscribed) {
+        if (const auto node = weak_node.lock())
+            node->unsubscribe(self);
+    }
+}
+
+void session::send_value_event(const std::string& path, std::shared_ptr<const std::string> line) {
+    outbox_.push_value_event(path, std::move(line));
+}
+
+void session::send_event(std::shared_ptr<const std::string> line) {
+    outbox_.push_event(std::move(line));
+}
+
+void session::announce_end() {
+    const std::lock_guard lock(subscriptions_mutex_);
+    for (const auto& [path, node] : subscriptions_) {
+        if (node.expired())
+            continue;
+        json::scratch memory;
+        json::value event(rapidjson::kObjectType);
+        json::add(event, "event", "ended", memory);
+        json::add(event, "path", path, memory);
+        json::add(event, "time", static_cast<long long>(host::wall_milliseconds()), memory);
+        json::add(event, "reason", reason_server_ends, memory);
+        send_event(std::make_shared<const std::string>(wire::event_line(event)));
+    }
+}
+
+std::shared_ptr<dh_db_leaf_node> session::find_node(std::string_view path) {
+    auto node = db_.find_leaf_node(path);
+    // Replies that are ready do not wait for what an owner may take its time for.
+    if (!finished_replies_.empty() && node->runs_owner_code())
+        send_finished_replies();
+    return node;
+}
+
+// Executes the operation of one entry and writes what it gives, or its error.
+template <class Execute>
+void session::write_entry(json::writer& out, const Execute& execute) {
+    int code = 0;
+    std::string message;
+    try {
+        json::value entry(rapidjson::kObjectType);
+        execute(entry);
+        if (!reply_is_too_large())
+            entry.Accept(out);
+        entry_memory_.Clear();
+        return;
+    } catch (const json_value_conversion_error& error) {
+        code = dh_error_code::invalid_argument;
+        message = std::string("expected ") + error.expected + ", found " + error.found;
+    } catch (const dh_error& error) {
+        code = error.code;
+        message = error.message;
+    } catch (const dh_client_exception& error) {
+        code = error.code;
+        message = error.message;
+    } catch (const std::exception& error) {
+        code = dh_error_code::unknown;
+        message = error.what();
+    } catch (...) {
+        code = dh_error_code::unknown;
+        message = "Unknown error!";
+    }
+    entry_memory_.Clear();
+    if (!reply_is_too_large())
+        wire::write_entry_error(out, code, message);
+}
+
+template <class Entry>
+void session::answer_entries(const request& asked, const json::value& list, const Entry& entry) {
+    wire::begin_reply(reply_, asked.id);
+    json::writer out(reply_);
+    out.StartArray();
+    for (const json::value& item : list.GetArray())
+        write_entry(out, [&](json::value& result) { entry(item, result); });
+    out.EndArray();
+    wire::end_reply(reply_);
+    finish_reply(asked);
+}
+
+void session::read(const request& asked) {
+    const json::value* paths = path_list(asked);
+    if (paths == nullptr) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"paths\", 1 to 1024 texts");
+        return;
+    }
+    answer_entries(asked, *paths, [this](const json::value& path, json::value& result) {
+        const auto node = find_node(text_of(path));
+        if (!reply_is_too_large())
+            node->get(value_key, entry_memory_, result);
+    });
+}
+
+void session::write(const request& asked) {
+    const json::value* items = entry_list(asked, "items", is_item);
+    if (items == nullptr) {
+        fail(asked, wire::error_code::bad_params,
+             "params must hold \"items\", 1 to 1024 objects of \"path\" and \"value\"");
+        return;
+    }
+    answer_entries(asked, *items, [this](const json::value& item, json::value& result) {
+        const auto node = find_node(text_of(*json::find(item, "path")));
+        const json::value& value = *json::find(item, value_key);
+        if (node->write_returns_response())
+            node->run(value_key, value, entry_memory_, result);
+        else
+            node->set(value_key, value);
+    });
+}
+
+void session::subscribe(const request& asked) {
+    const json::value* paths = path_list(asked);
+    if (paths == nullptr) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"paths\", 1 to 1024 texts");
+        return;
+    }
+    answer_entries(asked, *paths, [this](const json::value& path, json::value& result) {
+        subscribe_to(*find_node(text_of(path)), result);
+    });
+}
+
+void session::subscribe_to(dh_db_leaf_node& node, json::value& out) {
+    std::unique_lock lock(subscriptions_mutex_, std::defer_lock);
+    node.subscribe(shared_from_this(), value_key, entry_memory_, out, lock);
+    subscriptions_.insert_or_assign(node.get_path(0), node.weak_from_this());
+}
+
+void session::unsubscribe(const request& asked) {
+    const json::value* paths = path_list(asked);
+    if (paths == nullptr) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"paths\", 1 to 1024 texts");
+        return;
+    }
+    answer_entries(asked, *paths, [this](const json::value& path, json::value&) {
+        unsubscribe_from(wire::without_leading_slash(text_of(path)));
+    });
+}
+
+void session::unsubscribe_from(std::string_view path) {
+    std::shared_ptr<dh_db_leaf_node> node;
+    {
+        const std::lock_guard lock(subscriptions_mutex_);
+        const auto subscribed = subscriptions_.find(path);
+        if (subscribed == subscriptions_.end())
+            return;
+        node = subscribed->second.lock();
+        subscriptions_.erase(subscribed);
+    }
+    if (node)
+        node->unsubscribe(shared_from_this());
+}
+
+void session::info(const request& asked) {
+    const json::value* paths = path_list(asked);
+    if (paths == nullptr) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"paths\", 1 to 1024 texts");
+        return;
+    }
+    answer_entries(asked, *paths, [this](const json::value& path, json::value& result) {
+        const auto node = db_.find_leaf_node(text_of(path));
+        json::add(result, "info", node->get_info(entry_memory_), entry_memory_);
+        json::add(result, "text", node->get_info(), entry_memory_);
+    });
+}
+
+void session::write_nodes(json::writer& out, const std::vector<dh_db::entry>& nodes) {
+    out.StartObject();
+    out.Key("nodes");
+    out.StartArray();
+    for (const auto& [path, node] : nodes) {
+        if (reply_is_too_large())
+            break;
+        out.StartObject();
+        out.Key("path");
+        out.String(path.data(), static_cast<rapidjson::SizeType>(path.size()));
+        out.Key("info");
+        node->get_info(entry_memory_).Accept(out);
+        out.EndObject();
+        entry_memory_.Clear();
+    }
+    out.EndArray();
+    out.EndObject();
+}
+
+void session::list(const request& asked) {
+    const json::value* prefix = prefix_of(asked);
+    if (prefix == nullptr) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"prefix\", a text");
+        return;
+    }
+    wire::begin_reply(reply_, asked.id);
+    json::writer out(reply_);
+    write_nodes(out, db_.nodes_under(text_of(*prefix)));
+    wire::end_reply(reply_);
+    finish_reply(asked);
+}
+
+void session::watch(const request& asked) {
+    const json::value* prefix = prefix_of(asked);
+    if (prefix == nullptr) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"prefix\", a text");
+        return;
+    }
+    if (watched_prefixes_ >= max_watched_prefixes) {
+        fail(asked, wire::error_code::bad_params, "too many watched prefixes");
+        return;
+    }
+    ++watched_prefixes_;
+    // The reply goes out before the tree can change again, and so before the
+    // first event of the watch.
+    db_.watch(std::string(text_of(*prefix)), shared_from_this(),
+              [&](const std::vector<dh_db::entry>& nodes) {
+                  wire::begin_reply(reply_, asked.id);
+                  json::writer out(reply_);
+                  write_nodes(out, nodes);
+                  wire::end_reply(reply_);
+                  finish_reply(asked);
+                  send_finished_replies();
+              });
+}
+
+void session::unwatch(const request& asked) {
+    const json::value* prefix = prefix_of(asked);
+    if (prefix == nullptr) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"prefix\", a text");
+        return;
+    }
+    db_.unwatch(std::string(text_of(*prefix)), shared_from_this());
+    wire::begin_reply(reply_, asked.id);
+    json::writer out(reply_);
+    out.StartObject();
+    out.EndObject();
+    wire::end_reply(reply_);
+    finish_reply(asked);
+}
+
+void session::history(const request& asked) {
+    const json::value* limit =
+        asked.params != nullptr ? json::find(*asked.params, "limit") : nullptr;
+    if (limit == nullptr || !limit->IsUint() || limit->GetUint() > dh_db::history_length) {
+        fail(asked, wire::error_code::bad_params, "params must hold \"limit\", 0 to 1024");
+        return;
+    }
+    wire::begin_reply(reply_, asked.id);
+    json::writer out(reply_);
+    out.StartObject();
+    out.Key("entries");
+    out.StartArray();
+    for (const auto& entry : db_.history(limit->GetUint()))
+        out.RawValue(entry->data(), entry->size(), rapidjson::kObjectType);
+    out.EndArray();
+    out.EndObject();
+    wire::end_reply(reply_);
+    finish_reply(asked);
+}
+
+void session::version(const request& asked) {
+    if (asked.params == nullptr || !asked.params->IsObject()) {
+        fail(asked, wire::error_code::bad_params, "params must be an object");
+        return;
+    }
+    wire::begin_reply(reply_, asked.id);
+    json::writer out(reply_);
+    out.StartObject();
+    out.Key("protocol");
+    out.Int(wire::protocol_version);
+    out.Key("server");
+    out.String(server_name_.data(), static_cast<rapidjson::SizeType>(server_name_.size()));
+    out.Key("version");
+    out.String(VELT_VERSION);
+    out.EndObject();
+    wire::end_reply(reply_);
+    finish_reply(asked);
+}
+
+bool session::reply_is_too_large() const {
+    return reply_.GetSize() > wire::max_reply_line;
+}
+
+// A line that could not even be read as a request is answered without an id; a
+// request that has none is not answered.
+void session::fail(const request& asked, int code, std::string_view message) {
+    const bool was_read = !asked.method.empty();
+    if (was_read && std::holds_alternative<std::monostate>(asked.id))
+        return;
+    reply_.Clear();
+    wire::write_error_reply(reply_, asked.id, code, message);
+    finished_replies_.append(reply_.GetString(), reply_.GetSize());
+    reply_.Clear();
+}
+
+void session::finish_reply(const request& asked) {
+    if (std::holds_alternative<std::monostate>(asked.id)) {
+        reply_.Clear();
+        return;
+    }
+    if (reply_is_too_large()) {
+        fail(asked, wire::error_code::reply_too_large, "reply too large");
+        reply_.ShrinkToFit();
+        return;
+    }
+    const std::string_view line(reply_.GetString(), reply_.GetSize());
+    if (finished_replies_.empty() && !lines_.has_line())
+        outbox_.push_reply(line);
+    else
+        finished_replies_.append(line);
+    if (finished_replies_.size() > receive_size)
+        send_finished_replies();
+    const bool keep_memory = line.size() <= receive_size;
+    reply_.Clear();
+    if (!keep_memory)
+        reply_.ShrinkToFit();
+}
+
+void session::send_finished_replies() {
+    if (finished_replies_.empty())
+        return;
+    outbox_.push_reply(finished_replies_);
+    finished_replies_.clear();
+    if (finished_replies_.capacity() > receive_size)
+        finished_replies_.shrink_to_fit();
+}
