@@ -40,8 +40,8 @@ class value_event_node : public dh_db_event_node {
     void send_value_changed(const T& value) {
         if (!is_attached())
             return;
-        json::document event = create_value_changed_event(get_path(0));
-        json::add(event, "value", value, event.GetAllocator());
+        dh_event event = create_value_changed_event(get_path(0));
+        event.add("value", value);
         send_event_impl(event, false);
         if (dh_db* const db = attached_db())
             db->append_to_history(shared_from_this());
@@ -50,8 +50,8 @@ class value_event_node : public dh_db_event_node {
     // The first event after a subscribe, to that session alone.
     template <class AddValue>
     void send_initial_value(const std::shared_ptr<dh_session>& session, const AddValue& add_value) {
-        json::document event = create_value_changed_event(get_path(0));
-        add_value("value", event.GetAllocator(), event);
+        dh_event event = create_value_changed_event(get_path(0));
+        add_value("value", event.memory(), event.members());
         send_event_to_session_impl(event, true, session);
     }
 };

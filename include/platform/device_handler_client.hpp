@@ -34,6 +34,8 @@ inline std::string_view view_of(const device_handler_path& path) {
     return std::visit([](const auto& text) { return std::string_view(text); }, path);
 }
 
+class device_handler_request;
+
 // Lets whoever waits for a reply read it from the socket.
 class device_handler_reply_gate {
   public:
@@ -43,14 +45,14 @@ class device_handler_reply_gate {
 
   private:
     friend class device_handler_client_base;
-    std::weak_ptr<device_handler_client_base> client_;  // set when the request is sent
-    bool done_ = false;                                 // guarded by the client's mutex
+    std::weak_ptr<device_handler_client_base> client_;
+    std::weak_ptr<device_handler_request> request_;
 };
 
 // One request to the transport. Owned by a shared_ptr while its reply is outstanding.
 class device_handler_request {
   public:
-    device_handler_request() : gate_(std::make_shared<device_handler_reply_gate>()) {}
+    device_handler_request() = default;
     virtual ~device_handler_request() = default;
     device_handler_request(device_handler_request&&) = default;
     device_handler_request& operator=(device_handler_request&&) = default;
@@ -64,10 +66,18 @@ class device_handler_request {
     virtual bool process_result(const json::value& result) = 0;
     virtual void report_local_error(int code, const std::string& message) = 0;
 
-    const std::shared_ptr<device_handler_reply_gate>& gate() const { return gate_; }
+    // For futures that are taken after the request was sent.
+    const std::shared_ptr<device_handler_reply_gate>& gate() {
+        if (!gate_)
+            gate_ = std::make_shared<device_handler_reply_gate>();
+        return gate_;
+    }
 
   private:
+    friend class device_handler_client_base;
+
     std::shared_ptr<device_handler_reply_gate> gate_;
+    bool is_done_ = false;  // guarded by the connection's mutex
 };
 
 // One path within a request.
@@ -103,12 +113,13 @@ T converted(const json::value& v) {
     }
 }
 
-// A future of the promise; whoever gets it reads the reply, if nobody has yet.
+// The future of a reply, of which the one who gets it reads the reply, if
+// nobody has yet.
 template <class T>
-std::future<T> future_of(std::promise<T>& promise,
-                         std::shared_ptr<device_handler_reply_gate> gate) {
+std::future<T> waiting_future(std::future<T> reply,
+                              std::shared_ptr<device_handler_reply_gate> gate) {
     return std::async(std::launch::deferred,
-                      [gate = std::move(gate), reply = promise.get_future()]() mutable {
+                      [gate = std::move(gate), reply = std::move(reply)]() mutable {
                           gate->wait();
                           return reply.get();
                       });
@@ -141,9 +152,7 @@ class device_handler_read_object : public device_handler_object {
   public:
     using device_handler_object::device_handler_object;
 
-    std::future<T> get_future(std::shared_ptr<device_handler_reply_gate> gate) {
-        return dh::client::future_of(promise_, std::move(gate));
-    }
+    std::future<T> get_future() { return promise_.get_future(); }
 
     void write_request_data(json::writer& out) const override {
         out.String(path().data(), static_cast<rapidjson::SizeType>(path().size()));
@@ -204,13 +213,13 @@ class device_handler_read_request : public device_handler_object_request {
     // Adds a path to be read; its value comes through the future.
     template <class T>
     std::future<T> add(device_handler_path path) {
-        return add_object(std::make_unique<device_handler_read_object<T>>(std::move(path)));
+        return dh::client::waiting_future(add_object<T>(std::move(path)), gate());
     }
 
     template <class T>
     std::future<T> add(device_handler_path path, T default_value) {
-        return add_object(std::make_unique<device_handler_read_default_object<T>>(
-            std::move(path), std::move(default_value)));
+        return dh::client::waiting_future(add_object<T>(std::move(path), std::move(default_value)),
+                                          gate());
     }
 
     const char* method() const override { return "read"; }
@@ -219,11 +228,23 @@ class device_handler_read_request : public device_handler_object_request {
     const char* list_name() const override { return "paths"; }
 
   private:
-    template <class Object>
-    auto add_object(std::unique_ptr<Object> object) {
-        Object& added = *object;
+    friend class device_handler_client_api;
+
+    template <class T>
+    std::future<T> add_object(device_handler_path path) {
+        auto object = std::make_unique<device_handler_read_object<T>>(std::move(path));
+        std::future<T> value = object->get_future();
         objects_.push_back(std::move(object));
-        return added.get_future(gate());
+        return value;
+    }
+
+    template <class T>
+    std::future<T> add_object(device_handler_path path, T default_value) {
+        auto object = std::make_unique<device_handler_read_default_object<T>>(
+            std::move(path), std::move(default_value));
+        std::future<T> value = object->get_future();
+        objects_.push_back(std::move(object));
+        return value;
     }
 };
 
@@ -241,9 +262,7 @@ class device_handler_write_response_object {
 template <class R>
 class device_handler_write_response : public device_handler_write_response_object {
   public:
-    std::future<R> get_future(std::shared_ptr<device_handler_reply_gate> gate) {
-        return dh::client::future_of(promise_, std::move(gate));
-    }
+    std::future<R> get_future() { return promise_.get_future(); }
 
     void process_ok_response() override {
         if constexpr (std::is_void_v<R>)
@@ -321,12 +340,7 @@ class device_handler_write_request : public device_handler_object_request {
   public:
     template <class R, class T>
     std::future<R> add(device_handler_path path, T value) {
-        auto response = std::make_unique<device_handler_write_response<R>>();
-        std::future<R> reply = response->get_future(gate());
-        expects_value_ = expects_value_ || response->expects_value();
-        objects_.push_back(std::make_unique<device_handler_write_object<T>>(
-            std::move(path), std::move(response), std::move(value)));
-        return reply;
+        return dh::client::waiting_future(add_object<R>(std::move(path), std::move(value)), gate());
     }
 
     const char* method() const override { return "write"; }
@@ -336,6 +350,18 @@ class device_handler_write_request : public device_handler_object_request {
     const char* list_name() const override { return "items"; }
 
   private:
+    friend class device_handler_client_api;
+
+    template <class R, class T>
+    std::future<R> add_object(device_handler_path path, T value) {
+        auto response = std::make_unique<device_handler_write_response<R>>();
+        std::future<R> reply = response->get_future();
+        expects_value_ = expects_value_ || response->expects_value();
+        objects_.push_back(std::make_unique<device_handler_write_object<T>>(
+            std::move(path), std::move(response), std::move(value)));
+        return reply;
+    }
+
     bool expects_value_ = false;
 };
 
@@ -380,7 +406,9 @@ class device_handler_client_base : public std::enable_shared_from_this<device_ha
     // fails. In the first 10 s of the client's life this waits for the first
     // connection; later a request on a client that is not connected fails at
     // once with 107.
-    void server_call(std::shared_ptr<device_handler_request> request);
+    void server_call(const std::shared_ptr<device_handler_request>& request);
+    // Returns once the reply of a request of this client has been processed.
+    void await_reply(const std::shared_ptr<device_handler_request>& request);
 
     const std::string& name() const { return name_; }
     bool is_connected() const;
@@ -417,9 +445,8 @@ class device_handler_client_api : public device_handler_client_base {
     template <class T, class Path>
     T get(const Path& path) {
         auto request = std::make_shared<device_handler_read_request>();
-        auto reply = request->add<T>(request_path(path));
-        server_call(std::move(request));
-        return reply.get();
+        auto reply = request->add_object<T>(request_path(path));
+        return reply_of(request, reply);
     }
 
     // The same, with the default where the path answers an error or a value of
@@ -427,9 +454,8 @@ class device_handler_client_api : public device_handler_client_base {
     template <class T, class Path>
     T get(const Path& path, T default_value) {
         auto request = std::make_shared<device_handler_read_request>();
-        auto reply = request->add<T>(request_path(path), std::move(default_value));
-        server_call(std::move(request));
-        return reply.get();
+        auto reply = request->add_object<T>(request_path(path), std::move(default_value));
+        return reply_of(request, reply);
     }
 
     // Writes and blocks until the write is acknowledged. R is void, or the type
@@ -437,9 +463,8 @@ class device_handler_client_api : public device_handler_client_base {
     template <class R, class Path, class T>
     R set(const Path& path, T value) {
         auto request = std::make_shared<device_handler_write_request>();
-        auto reply = request->add<R>(request_path(path), std::move(value));
-        server_call(std::move(request));
-        return reply.get();
+        auto reply = request->add_object<R>(request_path(path), std::move(value));
+        return reply_of(request, reply);
     }
 
     // Sends a prepared request; the caller holds the futures of its objects.
@@ -466,6 +491,13 @@ class device_handler_client_api : public device_handler_client_base {
     using device_handler_client_base::device_handler_client_base;
 
   private:
+    template <class T>
+    T reply_of(const std::shared_ptr<device_handler_request>& request, std::future<T>& reply) {
+        server_call(request);
+        await_reply(request);
+        return reply.get();
+    }
+
     template <std::size_t N>
     static device_handler_path request_path(const char (&literal)[N]) {
         return std::string_view(literal);

@@ -34,6 +34,27 @@ class dh_session {
     virtual void send_event(std::shared_ptr<const std::string> line) = 0;
 };
 
+// The members of an event on its way to clients.
+class dh_event {
+  public:
+    dh_event(std::string_view kind, std::string_view path);  // "event", "path", "time"
+
+    template <class T>
+    void add(std::string_view key, const T& member) {
+        json::add(members_, key, member, memory_);
+    }
+    void add(std::string_view key, json::value member) {
+        json::add(members_, key, std::move(member), memory_);
+    }
+    json::value& members() { return members_; }
+    const json::value& members() const { return members_; }
+    json::allocator& memory() { return memory_; }
+
+  private:
+    json::scratch memory_;
+    json::value members_{rapidjson::kObjectType};
+};
+
 // A named place in the tree.
 class dh_db_node {
   public:
@@ -131,17 +152,17 @@ class dh_db_event_node : public dh_db_leaf_node {
 
   protected:
     // The members of a value event but for "value", which the caller adds.
-    json::document create_value_changed_event(const std::string& path) const;
+    dh_event create_value_changed_event(const std::string& path) const;
     // Sends an event to all subscribers. `repeat` marks it as the first one
     // after a subscribe, which tells nothing new.
-    void send_event_impl(json::document& event, bool repeat);
-    void send_event_to_session_impl(json::document& event, bool repeat,
+    void send_event_impl(dh_event& event, bool repeat);
+    void send_event_to_session_impl(dh_event& event, bool repeat,
                                     const std::shared_ptr<dh_session>&);
     void send_error_event(const dh_error&);
 
   private:
     void end_subscriptions() override;
-    void send_to_subscribers(const json::value& event, bool replaceable);
+    void send_to_subscribers(const dh_event& event, bool replaceable);
 
     mutable std::mutex subscribers_mutex_;
     std::vector<std::shared_ptr<dh_session>> subscribers_;
@@ -200,7 +221,7 @@ class dh_db {
     };
 
     std::vector<entry> snapshot(std::string_view prefix) const;
-    void tell_watchers(std::string_view path, const json::value& event) const;
+    void tell_watchers(std::string_view path, const dh_event& event) const;
 
     mutable std::shared_mutex tree_mutex_;
     std::map<std::string, std::shared_ptr<dh_db_leaf_node>, std::less<>> nodes_;

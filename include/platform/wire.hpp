@@ -4,6 +4,8 @@
 
 #include "json.hpp"
 
+#include <rapidjson/reader.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -59,9 +61,26 @@ class line_splitter {
     bool too_long_ = false;
 };
 
-// Parses one line. False where it is no JSON: bad syntax, text that is not
-// UTF-8, nesting too deep, a number that no double holds.
-bool parse(std::string_view line, json::document& into);
+// Parses lines, one after the other, in memory that it keeps.
+class parser {
+  public:
+    parser();
+    parser(const parser&) = delete;
+    parser& operator=(const parser&) = delete;
+
+    // The parsed line, valid until the next call. Null where it is no JSON: bad
+    // syntax, text that is not UTF-8, nesting too deep, a number that no double holds.
+    const json::value* parse(std::string_view line);
+
+  private:
+    static constexpr std::size_t kept_memory = 4096;
+
+    alignas(8) char memory_[kept_memory];
+    json::allocator pool_{memory_, sizeof memory_, kept_memory};
+    rapidjson::CrtAllocator stack_allocator_;
+    json::document document_;
+    rapidjson::Reader reader_;
+};
 
 // The id of a request: an integer, a text, or none where the request wants no answer.
 using request_id = std::variant<std::monostate, std::int64_t, std::uint64_t, std::string>;

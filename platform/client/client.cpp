@@ -71,7 +71,7 @@ class raw_request final : public device_handler_request {
     raw_request(std::string method, const json::value& params)
         : method_(std::move(method)), params_(json::to_text(params)) {}
 
-    std::future<json::document> get_future() { return dh::client::future_of(result_, gate()); }
+    std::future<json::document> get_future() { return result_.get_future(); }
 
     const char* method() const override { return method_.c_str(); }
 
@@ -103,8 +103,10 @@ int dh::client::error_code_of(const json::value& code) {
 }
 
 void device_handler_reply_gate::wait() {
-    if (const auto client = client_.lock())
-        client->connection_->await(*this);
+    const auto client = client_.lock();
+    const auto request = request_.lock();
+    if (client && request)
+        client->await_reply(request);
 }
 
 std::chrono::milliseconds device_handler_request::time_limit() const {
@@ -177,8 +179,18 @@ void device_handler_client_base::require_connected(std::chrono::milliseconds lim
     connection_->require_up(limit);
 }
 
-void device_handler_client_base::server_call(std::shared_ptr<device_handler_request> request) {
-    connection_->send(request, shared_from_this());
+void device_handler_client_base::server_call(
+    const std::shared_ptr<device_handler_request>& request) {
+    if (request->gate_) {
+        request->gate_->client_ = weak_from_this();
+        request->gate_->request_ = request;
+    }
+    connection_->send(request);
+}
+
+void device_handler_client_base::await_reply(
+    const std::shared_ptr<device_handler_request>& request) {
+    connection_->await(*request);
 }
 
 bool device_handler_client_base::is_connected() const {
@@ -199,7 +211,8 @@ json::document device_handler_client_api::call(const std::string& method,
                                                const json::value& params) {
     auto request = std::make_shared<raw_request>(method, params);
     auto result = request->get_future();
-    server_call(std::move(request));
+    server_call(request);
+    await_reply(request);
     return result.get();
 }
 

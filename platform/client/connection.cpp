@@ -3,16 +3,13 @@
 #include "library_threads.hpp"
 #include "msg_log.hpp"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <exception>
 #include <unordered_set>
 #include <utility>
@@ -29,7 +26,7 @@ constexpr milliseconds first_connection_limit{10'000};
 constexpr milliseconds handshake_limit{10'000};
 // Between two attempts to connect.
 constexpr milliseconds attempt_pause{100};
-// How long a reader sleeps in the socket before it looks at the time limits.
+// How long a reader sleeps before it looks at the time limits.
 constexpr milliseconds reader_nap{100};
 constexpr std::size_t receive_size = std::size_t{16} << 10;
 // Events that wait for the event thread; past that, only the newest value of each path.
@@ -65,13 +62,6 @@ bool is_error_value(const json::value& v) {
 bool is_sent_away(const json::value& first_line) {
     const json::value* error = json::find(first_line, "error");
     return error != nullptr && error_of(*error).code == wire::error_code::too_many_sessions;
-}
-
-void become_blocking(int socket) {
-    ::fcntl(socket, F_SETFL, ::fcntl(socket, F_GETFL) & ~O_NONBLOCK);
-    timeval nap{};
-    nap.tv_usec = static_cast<suseconds_t>(reader_nap.count() * 1000);
-    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &nap, sizeof nap);
 }
 
 }  // namespace
@@ -159,25 +149,23 @@ void connection::close() {
 
 // --- Requests ---------------------------------------------------------------------
 
-void connection::send(const std::shared_ptr<device_handler_request>& request,
-                      const std::shared_ptr<device_handler_client_base>& client) {
+void connection::send(const std::shared_ptr<device_handler_request>& request) {
     thread_local json::buffer line;
     line.Clear();
     const std::uint64_t id = next_id.fetch_add(1, std::memory_order_relaxed);
     wire::write_request(line, id, request->method(),
                         [&](json::writer& out) { request->write_params(out); });
     if (line.GetSize() > wire::max_request_line) {
-        request->report_local_error(wire::error_code::not_a_request,
-                                    "the line is longer than 1 MiB");
+        fail_request(request, wire::error_code::not_a_request, "the line is longer than 1 MiB");
         line.ShrinkToFit();
         return;
     }
     const std::lock_guard sending(send_mutex_);
-    const auto open = enter_outstanding(id, request, client);
+    const auto open = enter_outstanding(id, request);
     if (open)
         send_bytes(open, {line.GetString(), line.GetSize()}, request->time_limit());
     else
-        request->report_local_error(dh_client_code::not_connected, "not connected");
+        fail_request(request, dh_client_code::not_connected, "not connected");
 }
 
 void connection::wait_for_first_connection(lock_type& lock) {
@@ -187,8 +175,7 @@ void connection::wait_for_first_connection(lock_type& lock) {
 }
 
 std::shared_ptr<connection::link> connection::enter_outstanding(
-    std::uint64_t id, const std::shared_ptr<device_handler_request>& request,
-    const std::shared_ptr<device_handler_client_base>& client) {
+    std::uint64_t id, const std::shared_ptr<device_handler_request>& request) {
     lock_type lock(mutex_);
     if (state_ != state::up && !was_up_)
         wait_for_first_connection(lock);
@@ -197,7 +184,6 @@ std::shared_ptr<connection::link> connection::enter_outstanding(
     if (outstanding_.empty())
         front_since_ = clock::now();
     outstanding_.push_back({id, request});
-    request->gate()->client_ = client;
     return link_;
 }
 
@@ -223,19 +209,19 @@ void connection::send_bytes(const std::shared_ptr<link>& open, std::string_view 
     }
 }
 
-void connection::await(const device_handler_reply_gate& gate) {
+void connection::await(const device_handler_request& request) {
     lock_type lock(mutex_);
-    while (!gate.done_) {
+    while (!request.is_done_) {
         const std::shared_ptr<link> open = link_;
         if (open && take_reading_role(*open)) {
             lock.unlock();
-            read_once(open, 0);
+            read_once(open, reader_nap);
             lock.lock();
             give_up_reading_role(*open);
         } else {
             changed_.wait_for(lock, reader_nap);
         }
-        if (!gate.done_)
+        if (!request.is_done_)
             check_time_limits(lock);
     }
 }
@@ -251,9 +237,16 @@ void connection::give_up_reading_role(link& open) {
     changed_.notify_all();
 }
 
-void connection::read_once(const std::shared_ptr<link>& open, int flags) {
+void connection::read_once(const std::shared_ptr<link>& open, milliseconds patience) {
+    if (patience > milliseconds::zero()) {
+        // A thread that sleeps in recv is also woken when the other side takes
+        // what was sent to it; one that sleeps in poll is not.
+        pollfd readable{open->socket, POLLIN, 0};
+        if (::poll(&readable, 1, static_cast<int>(patience.count())) <= 0)
+            return;
+    }
     char* const room = open->lines.room(receive_size);
-    const ssize_t got = ::recv(open->socket, room, open->lines.room_size(), flags);
+    const ssize_t got = ::recv(open->socket, room, open->lines.room_size(), MSG_DONTWAIT);
     if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return;
     if (got <= 0) {
@@ -268,8 +261,8 @@ void connection::read_once(const std::shared_ptr<link>& open, int flags) {
 }
 
 void connection::process_line(const std::shared_ptr<link>& open, std::string_view line) {
-    json::document parsed(&open->memory);
-    if (!wire::parse(line, parsed) || !parsed.IsObject()) {
+    const json::value* const parsed = open->parser.parse(line);
+    if (parsed == nullptr || !parsed->IsObject()) {
         MSG_LOG(log_channel, msg_log::failure)
             << "msg: " << where_.description << " sent a line that is no message";
         break_link(open, dh_client_code::bad_reply, "bad reply");
@@ -280,21 +273,19 @@ void connection::process_line(const std::shared_ptr<link>& open, std::string_vie
         const std::lock_guard lock(mutex_);
         is_first = link_ == open && state_ == state::handshaking;
     }
-    if (is_first && is_sent_away(parsed)) {
+    if (is_first && is_sent_away(*parsed)) {
         break_link(open, dh_client_code::connection_lost, "connection lost");
         return;
     }
-    const json::value* method = json::find(parsed, "method");
+    const json::value* method = json::find(*parsed, "method");
     if (method == nullptr) {
         if (!is_first)
-            process_reply(parsed);
-    } else if (const json::value* params = json::find(parsed, "params")) {
+            process_reply(*parsed);
+    } else if (const json::value* params = json::find(*parsed, "params")) {
         process_event(*params);
     }
     if (is_first)
         came_up();
-    parsed.SetNull();
-    open->memory.Clear();
 }
 
 void connection::process_reply(const json::value& reply) {
@@ -316,18 +307,25 @@ void connection::process_reply(const json::value& reply) {
     }
     if (const json::value* error = json::find(reply, "error")) {
         const dh_client_exception what = error_of(*error);
-        request->report_local_error(what.code, what.message);
-    } else {
-        const json::value* result = json::find(reply, "result");
-        if (result == nullptr || !request->process_result(*result))
-            request->report_local_error(dh_client_code::bad_reply, "bad reply");
+        fail_request(request, what.code, what.message);
+        return;
     }
-    finish(request);
+    const json::value* result = json::find(reply, "result");
+    if (result != nullptr && request->process_result(*result))
+        finish(*request);
+    else
+        fail_request(request, dh_client_code::bad_reply, "bad reply");
 }
 
-void connection::finish(const std::shared_ptr<device_handler_request>& request) {
+void connection::fail_request(const std::shared_ptr<device_handler_request>& request, int code,
+                              const std::string& message) {
+    request->report_local_error(code, message);
+    finish(*request);
+}
+
+void connection::finish(device_handler_request& request) {
     const std::lock_guard lock(mutex_);
-    request->gate()->done_ = true;
+    request.is_done_ = true;
     changed_.notify_all();
 }
 
@@ -392,7 +390,7 @@ void connection::serve_events() {
     if (renew)
         renew_subscriptions();
     if (may_read) {
-        read_once(open, MSG_DONTWAIT);
+        read_once(open, milliseconds::zero());
         const std::lock_guard lock(mutex_);
         open->event_thread_asked = false;
         give_up_reading_role(*open);
@@ -489,8 +487,7 @@ void connection::remove_subscriber(const std::shared_ptr<device_handler_subscrib
             return;
     }
     send(std::make_shared<subscribe_request>(
-             "unsubscribe", std::vector<std::string>{subscriber->path()}, weak_from_this()),
-         nullptr);
+        "unsubscribe", std::vector<std::string>{subscriber->path()}, weak_from_this()));
 }
 
 void connection::renew_subscriptions() {
@@ -516,8 +513,7 @@ void connection::request_subscriptions(std::vector<std::string> paths) {
         const auto first = paths.begin() + static_cast<std::ptrdiff_t>(begin);
         const auto last = paths.begin() + static_cast<std::ptrdiff_t>(end);
         send(std::make_shared<subscribe_request>("subscribe", std::vector<std::string>(first, last),
-                                                 weak_from_this()),
-             nullptr);
+                                                 weak_from_this()));
     }
 }
 
@@ -546,7 +542,7 @@ void connection::supervise() {
     }
     if (reads) {
         // Also what nobody waits for, and the end of the stream.
-        read_once(open, MSG_DONTWAIT);
+        read_once(open, milliseconds::zero());
         const std::lock_guard lock(mutex_);
         give_up_reading_role(*open);
     }
@@ -619,7 +615,6 @@ void connection::connecting_socket_is_ready(const std::shared_ptr<link>& open) {
 
 // The other side counts as there when it has answered something.
 void connection::begin_handshake(const std::shared_ptr<link>& open) {
-    become_blocking(open->socket);
     json::buffer line;
     wire::write_request(line, next_id.fetch_add(1, std::memory_order_relaxed), "version",
                         [](json::writer& out) {
@@ -710,10 +705,9 @@ void connection::break_link(const std::shared_ptr<link>& open, int code,
     bool is_front = true;
     for (const outstanding& each : failed) {
         if (std::exchange(is_front, false))
-            each.request->report_local_error(code, message);
+            fail_request(each.request, code, message);
         else
-            each.request->report_local_error(dh_client_code::connection_lost, "connection lost");
-        finish(each.request);
+            fail_request(each.request, dh_client_code::connection_lost, "connection lost");
     }
     const std::lock_guard lock(mutex_);
     changed_.notify_all();

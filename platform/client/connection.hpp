@@ -30,9 +30,8 @@ class device_handler_client_base::connection
                std::weak_ptr<device_handler_connection_subscriber> subscriber);
 
     // From the client, on any thread.
-    void send(const std::shared_ptr<device_handler_request>& request,
-              const std::shared_ptr<device_handler_client_base>& client);
-    void await(const device_handler_reply_gate& gate);
+    void send(const std::shared_ptr<device_handler_request>& request);
+    void await(const device_handler_request& request);
     bool is_up() const;
     void require_up(std::chrono::milliseconds limit);
     void add_subscriber(std::shared_ptr<device_handler_subscriber>);
@@ -62,7 +61,7 @@ class device_handler_client_base::connection
 
         // Of the reader.
         wire::line_splitter lines{wire::max_reply_line};
-        json::allocator memory{4096};
+        wire::parser parser;
     };
 
     struct outstanding {
@@ -90,19 +89,20 @@ class device_handler_client_base::connection
 
     void wait_for_first_connection(lock_type&);
     std::shared_ptr<link> enter_outstanding(std::uint64_t id,
-                                            const std::shared_ptr<device_handler_request>&,
-                                            const std::shared_ptr<device_handler_client_base>&);
+                                            const std::shared_ptr<device_handler_request>&);
     void send_bytes(const std::shared_ptr<link>&, std::string_view bytes,
                     std::chrono::milliseconds limit);
 
     bool take_reading_role(link&);
     void give_up_reading_role(link&);
-    void read_once(const std::shared_ptr<link>&, int flags);
+    void read_once(const std::shared_ptr<link>&, std::chrono::milliseconds patience);
     void process_line(const std::shared_ptr<link>&, std::string_view line);
     void process_reply(const json::value& reply);
     void process_event(const json::value& params);
     void queue_event(event&&);
-    void finish(const std::shared_ptr<device_handler_request>&);
+    void fail_request(const std::shared_ptr<device_handler_request>&, int code,
+                      const std::string& message);
+    void finish(device_handler_request&);
 
     void connect();
     void connecting_socket_is_ready(const std::shared_ptr<link>&);

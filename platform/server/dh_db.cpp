@@ -11,20 +11,17 @@ namespace {
 // Why a subscription ended, in an `ended` event.
 constexpr int reason_node_removed = 1;
 
-json::document make_event(std::string_view kind, const std::string& path) {
-    json::document event(rapidjson::kObjectType);
-    json::allocator& memory = event.GetAllocator();
-    json::add(event, "event", kind, memory);
-    json::add(event, "path", path, memory);
-    json::add(event, "time", static_cast<long long>(host::wall_milliseconds()), memory);
-    return event;
-}
-
-std::shared_ptr<const std::string> shared_line(const json::value& event) {
-    return std::make_shared<const std::string>(wire::event_line(event));
+std::shared_ptr<const std::string> shared_line(const dh_event& event) {
+    return std::make_shared<const std::string>(wire::event_line(event.members()));
 }
 
 }  // namespace
+
+dh_event::dh_event(std::string_view kind, std::string_view path) {
+    add("event", kind);
+    add("path", path);
+    add("time", static_cast<long long>(host::wall_milliseconds()));
+}
 
 std::string dh_db_node::get_path(unsigned skipped_parts) const {
     std::string_view path = path_.empty() ? std::string_view(name_) : std::string_view(path_);
@@ -89,7 +86,7 @@ bool dh_db_leaf_node::write_returns_response() const {
 json::value dh_db_event_node::export_history_entry(json::allocator& memory) const {
     const std::lock_guard lock(subscribers_mutex_);
     json::document changed(&memory);
-    wire::parse(last_change_, changed);
+    changed.Parse(last_change_.data(), last_change_.size());
     json::value entry(rapidjson::kObjectType);
     json::add(entry, "path", get_path(0), memory);
     json::add(entry, "time", static_cast<long long>(last_change_time_), memory);
@@ -123,37 +120,36 @@ void dh_db_event_node::unsubscribe(std::shared_ptr<dh_session> session) {
     std::erase(subscribers_, session);
 }
 
-json::document dh_db_event_node::create_value_changed_event(const std::string& path) const {
-    return make_event("value", path);
+dh_event dh_db_event_node::create_value_changed_event(const std::string& path) const {
+    return {"value", path};
 }
 
-void dh_db_event_node::send_event_impl(json::document& event, bool repeat) {
+void dh_db_event_node::send_event_impl(dh_event& event, bool repeat) {
     if (repeat)
-        json::add(event, "initial", true, event.GetAllocator());
+        event.add("initial", true);
     send_to_subscribers(event, true);
     const std::lock_guard lock(subscribers_mutex_);
-    last_change_time_ = json::find(event, "time")->GetInt64();
-    last_change_ = json::to_text(*json::find(event, "value"));
+    last_change_time_ = json::find(event.members(), "time")->GetInt64();
+    last_change_ = json::to_text(*json::find(event.members(), "value"));
 }
 
-void dh_db_event_node::send_event_to_session_impl(json::document& event, bool repeat,
+void dh_db_event_node::send_event_to_session_impl(dh_event& event, bool repeat,
                                                   const std::shared_ptr<dh_session>& session) {
     if (repeat)
-        json::add(event, "initial", true, event.GetAllocator());
+        event.add("initial", true);
     session->send_value_event(get_path(0), shared_line(event));
 }
 
 void dh_db_event_node::send_error_event(const dh_error& error) {
-    json::document event = make_event("error", get_path(0));
-    json::allocator& memory = event.GetAllocator();
+    dh_event event("error", get_path(0));
     json::value detail(rapidjson::kObjectType);
-    json::add(detail, "code", error.code, memory);
-    json::add(detail, "message", error.message, memory);
-    json::add(event, "error", std::move(detail), memory);
+    json::add(detail, "code", error.code, event.memory());
+    json::add(detail, "message", error.message, event.memory());
+    event.add("error", std::move(detail));
     send_to_subscribers(event, false);
 }
 
-void dh_db_event_node::send_to_subscribers(const json::value& event, bool replaceable) {
+void dh_db_event_node::send_to_subscribers(const dh_event& event, bool replaceable) {
     const std::lock_guard lock(subscribers_mutex_);
     if (subscribers_.empty())
         return;
@@ -168,8 +164,8 @@ void dh_db_event_node::send_to_subscribers(const json::value& event, bool replac
 }
 
 void dh_db_event_node::end_subscriptions() {
-    json::document event = make_event("ended", get_path(0));
-    json::add(event, "reason", reason_node_removed, event.GetAllocator());
+    dh_event event("ended", get_path(0));
+    event.add("reason", reason_node_removed);
     const std::lock_guard lock(subscribers_mutex_);
     const auto line = shared_line(event);
     for (const auto& session : subscribers_)
@@ -203,9 +199,8 @@ void dh_db::add_node(const std::string& parent_path, std::shared_ptr<dh_db_leaf_
     nodes_.emplace(path, node);
     if (watchers_.empty())
         return;
-    json::document event = make_event("added", path);
-    json::allocator& memory = event.GetAllocator();
-    json::add(event, "info", node->get_info(memory), memory);
+    dh_event event("added", path);
+    event.add("info", node->get_info(event.memory()));
     tell_watchers(path, event);
 }
 
@@ -222,7 +217,7 @@ bool dh_db::remove_node(std::string_view path) {
         node->removed_.store(true, std::memory_order_release);
         node->db_.store(nullptr, std::memory_order_release);
         if (!watchers_.empty())
-            tell_watchers(path, make_event("removed", std::string(path)));
+            tell_watchers(path, dh_event("removed", path));
     }
     node->end_subscriptions();
     return true;
@@ -259,7 +254,7 @@ std::vector<dh_db::entry> dh_db::snapshot(std::string_view prefix) const {
     return found;
 }
 
-void dh_db::tell_watchers(std::string_view path, const json::value& event) const {
+void dh_db::tell_watchers(std::string_view path, const dh_event& event) const {
     std::shared_ptr<const std::string> line;
     std::vector<const dh_session*> told;
     for (const auto& [prefix, session] : watchers_) {

@@ -1,8 +1,8 @@
 #include "session.hpp"
 
-#include "host.hpp"
 #include "msg_log.hpp"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -66,9 +66,7 @@ session::session(int socket, dh_db& db, const std::string& server_name, const se
       db_(db),
       server_name_(server_name),
       limits_(limits),
-      outbox_(socket, limits.unread_bytes, std::move(await_writable)),
-      request_memory_(receive_size),
-      entry_memory_(receive_size) {}
+      outbox_(socket, limits.unread_bytes, std::move(await_writable)) {}
 
 session::~session() {
     ::close(socket_);
@@ -87,12 +85,16 @@ bool session::receive() {
         return false;
     char* const room = lines_.room(receive_size);
     for (;;) {
-        const ssize_t result = ::recv(socket_, room, lines_.room_size(), 0);
+        // A thread that sleeps in recv is also woken when the client takes what
+        // was sent to it; one that sleeps in poll is not.
+        pollfd readable{socket_, POLLIN, 0};
+        ::poll(&readable, 1, -1);
+        const ssize_t result = ::recv(socket_, room, lines_.room_size(), MSG_DONTWAIT);
         if (result > 0) {
             lines_.filled(static_cast<std::size_t>(result));
             return true;
         }
-        if (result == 0 || errno != EINTR)
+        if (result == 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK))
             return false;
     }
 }
@@ -103,18 +105,17 @@ void session::execute_received_lines() {
         if (!outbox_.wait_for_client(false, client_patience))
             return;
         execute_line(*line);
-        request_memory_.Clear();
     }
     send_finished_replies();
 }
 
 void session::execute_line(std::string_view line) {
-    json::document parsed(&request_memory_);
-    if (!wire::parse(line, parsed)) {
+    const json::value* const parsed = parser_.parse(line);
+    if (parsed == nullptr) {
         fail({}, wire::error_code::not_json, "the line is not JSON");
         return;
     }
-    const auto found = wire::as_request(parsed);
+    const auto found = wire::as_request(*parsed);
     if (const auto* refused = std::get_if<wire::refusal>(&found)) {
         if (refused->answer)
             fail({refused->id, {}, nullptr}, wire::error_code::not_a_request,
@@ -197,13 +198,9 @@ void session::announce_end() {
     for (const auto& [path, node] : subscriptions_) {
         if (node.expired())
             continue;
-        json::scratch memory;
-        json::value event(rapidjson::kObjectType);
-        json::add(event, "event", "ended", memory);
-        json::add(event, "path", path, memory);
-        json::add(event, "time", static_cast<long long>(host::wall_milliseconds()), memory);
-        json::add(event, "reason", reason_server_ends, memory);
-        send_event(std::make_shared<const std::string>(wire::event_line(event)));
+        dh_event event("ended", path);
+        event.add("reason", reason_server_ends);
+        send_event(std::make_shared<const std::string>(wire::event_line(event.members())));
     }
 }
 
@@ -217,14 +214,14 @@ std::shared_ptr<dh_db_leaf_node> session::find_node(std::string_view path) {
 
 // Executes the operation of one entry and writes what it gives, or its error.
 template <class Execute>
-void session::write_entry(json::writer& out, const Execute& execute) {
+void session::write_entry(const Execute& execute) {
     int code = 0;
     std::string message;
     try {
         json::value entry(rapidjson::kObjectType);
         execute(entry);
         if (!reply_is_too_large())
-            entry.Accept(out);
+            entry.Accept(out_);
         entry_memory_.Clear();
         return;
     } catch (const json_value_conversion_error& error) {
@@ -245,19 +242,17 @@ void session::write_entry(json::writer& out, const Execute& execute) {
     }
     entry_memory_.Clear();
     if (!reply_is_too_large())
-        wire::write_entry_error(out, code, message);
+        wire::write_entry_error(out_, code, message);
 }
 
 template <class Entry>
 void session::answer_entries(const request& asked, const json::value& list, const Entry& entry) {
-    wire::begin_reply(reply_, asked.id);
-    json::writer out(reply_);
+    json::writer& out = begin_reply(asked);
     out.StartArray();
     for (const json::value& item : list.GetArray())
-        write_entry(out, [&](json::value& result) { entry(item, result); });
+        write_entry([&](json::value& result) { entry(item, result); });
     out.EndArray();
-    wire::end_reply(reply_);
-    finish_reply(asked);
+    end_reply(asked);
 }
 
 void session::read(const request& asked) {
@@ -345,7 +340,8 @@ void session::info(const request& asked) {
     });
 }
 
-void session::write_nodes(json::writer& out, const std::vector<dh_db::entry>& nodes) {
+void session::write_nodes(const std::vector<dh_db::entry>& nodes) {
+    json::writer& out = out_;
     out.StartObject();
     out.Key("nodes");
     out.StartArray();
@@ -370,11 +366,9 @@ void session::list(const request& asked) {
         fail(asked, wire::error_code::bad_params, "params must hold \"prefix\", a text");
         return;
     }
-    wire::begin_reply(reply_, asked.id);
-    json::writer out(reply_);
-    write_nodes(out, db_.nodes_under(text_of(*prefix)));
-    wire::end_reply(reply_);
-    finish_reply(asked);
+    begin_reply(asked);
+    write_nodes(db_.nodes_under(text_of(*prefix)));
+    end_reply(asked);
 }
 
 void session::watch(const request& asked) {
@@ -392,11 +386,9 @@ void session::watch(const request& asked) {
     // first event of the watch.
     db_.watch(std::string(text_of(*prefix)), shared_from_this(),
               [&](const std::vector<dh_db::entry>& nodes) {
-                  wire::begin_reply(reply_, asked.id);
-                  json::writer out(reply_);
-                  write_nodes(out, nodes);
-                  wire::end_reply(reply_);
-                  finish_reply(asked);
+                  begin_reply(asked);
+                  write_nodes(nodes);
+                  end_reply(asked);
                   send_finished_replies();
               });
 }
@@ -408,12 +400,10 @@ void session::unwatch(const request& asked) {
         return;
     }
     db_.unwatch(std::string(text_of(*prefix)), shared_from_this());
-    wire::begin_reply(reply_, asked.id);
-    json::writer out(reply_);
+    json::writer& out = begin_reply(asked);
     out.StartObject();
     out.EndObject();
-    wire::end_reply(reply_);
-    finish_reply(asked);
+    end_reply(asked);
 }
 
 void session::history(const request& asked) {
@@ -423,8 +413,7 @@ void session::history(const request& asked) {
         fail(asked, wire::error_code::bad_params, "params must hold \"limit\", 0 to 1024");
         return;
     }
-    wire::begin_reply(reply_, asked.id);
-    json::writer out(reply_);
+    json::writer& out = begin_reply(asked);
     out.StartObject();
     out.Key("entries");
     out.StartArray();
@@ -432,8 +421,7 @@ void session::history(const request& asked) {
         out.RawValue(entry->data(), entry->size(), rapidjson::kObjectType);
     out.EndArray();
     out.EndObject();
-    wire::end_reply(reply_);
-    finish_reply(asked);
+    end_reply(asked);
 }
 
 void session::version(const request& asked) {
@@ -441,8 +429,7 @@ void session::version(const request& asked) {
         fail(asked, wire::error_code::bad_params, "params must be an object");
         return;
     }
-    wire::begin_reply(reply_, asked.id);
-    json::writer out(reply_);
+    json::writer& out = begin_reply(asked);
     out.StartObject();
     out.Key("protocol");
     out.Int(wire::protocol_version);
@@ -451,6 +438,16 @@ void session::version(const request& asked) {
     out.Key("version");
     out.String(VELT_VERSION);
     out.EndObject();
+    end_reply(asked);
+}
+
+json::writer& session::begin_reply(const request& asked) {
+    wire::begin_reply(reply_, asked.id);
+    out_.Reset(reply_);
+    return out_;
+}
+
+void session::end_reply(const request& asked) {
     wire::end_reply(reply_);
     finish_reply(asked);
 }

@@ -63,8 +63,10 @@ class session final : public dh_session, public std::enable_shared_from_this<ses
     template <class Entry>
     void answer_entries(const request&, const json::value& list, const Entry& entry);
     template <class Execute>
-    void write_entry(json::writer&, const Execute& execute);
-    void write_nodes(json::writer&, const std::vector<dh_db::entry>& nodes);
+    void write_entry(const Execute& execute);
+    void write_nodes(const std::vector<dh_db::entry>& nodes);
+    json::writer& begin_reply(const request&);
+    void end_reply(const request&);
     void subscribe_to(dh_db_leaf_node&, json::value& out);
     void unsubscribe_from(std::string_view path);
     std::shared_ptr<dh_db_leaf_node> find_node(std::string_view path);
@@ -81,8 +83,10 @@ class session final : public dh_session, public std::enable_shared_from_this<ses
     outbox outbox_;
 
     wire::line_splitter lines_{wire::max_request_line};
-    json::allocator request_memory_;
-    json::allocator entry_memory_;
+    wire::parser parser_;
+    alignas(8) char entry_bytes_[1024];
+    json::allocator entry_memory_{entry_bytes_, sizeof entry_bytes_};
+    json::writer out_;
     json::buffer reply_;            // of the request that is being executed
     std::string finished_replies_;  // of requests before it, not yet given to the outbox
     std::size_t watched_prefixes_ = 0;

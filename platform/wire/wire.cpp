@@ -1,7 +1,6 @@
 #include "wire.hpp"
 
 #include <rapidjson/memorystream.h>
-#include <rapidjson/reader.h>
 
 #include <algorithm>
 #include <cstring>
@@ -49,28 +48,13 @@ class nesting_guard {
     int depth_ = 0;
 };
 
-// The document's own check of what a generator made, with the reader's verdict kept.
-class line_reader {
-  public:
-    explicit line_reader(std::string_view line) : line_(line) {}
+constexpr unsigned ascii_flags = rapidjson::kParseFullPrecisionFlag;
+constexpr unsigned utf8_flags = ascii_flags | rapidjson::kParseValidateEncodingFlag;
 
-    bool operator()(json::document& into) {
-        constexpr unsigned flags =
-            rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
-        rapidjson::MemoryStream stream(line_.data(), line_.size());
-        rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> text(stream);
-        rapidjson::Reader reader;
-        nesting_guard guard(into);
-        well_formed_ = !reader.Parse<flags>(text, guard).IsError();
-        return well_formed_;
-    }
-
-    bool well_formed() const { return well_formed_; }
-
-  private:
-    std::string_view line_;
-    bool well_formed_ = false;
-};
+bool is_ascii(std::string_view text) {
+    return std::none_of(text.begin(), text.end(),
+                        [](char c) { return (static_cast<unsigned char>(c) & 0x80U) != 0; });
+}
 
 // What a splitter keeps when nothing waits in it.
 constexpr std::size_t kept_memory = std::size_t{64} << 10;
@@ -160,13 +144,27 @@ bool line_splitter::has_line() const {
     return std::memchr(data_.data() + scanned_, '\n', end_ - scanned_) != nullptr;
 }
 
-bool parse(std::string_view line, json::document& into) {
+parser::parser() : document_(&pool_, 1024, &stack_allocator_), reader_(&stack_allocator_) {}
+
+const json::value* parser::parse(std::string_view line) {
+    document_.SetNull();
+    pool_.Clear();
     // The reader takes a NUL for the end of the text.
     if (line.find('\0') != std::string_view::npos)
-        return false;
-    line_reader reader(line);
-    into.Populate(reader);
-    return reader.well_formed();
+        return nullptr;
+    bool well_formed = false;
+    auto read = [&](json::document& into) {
+        rapidjson::MemoryStream stream(line.data(), line.size());
+        rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> text(stream);
+        nesting_guard guard(into);
+        const rapidjson::ParseResult result = is_ascii(line)
+                                                  ? reader_.Parse<ascii_flags>(text, guard)
+                                                  : reader_.Parse<utf8_flags>(text, guard);
+        well_formed = !result.IsError();
+        return well_formed;
+    };
+    document_.Populate(read);
+    return well_formed ? &document_ : nullptr;
 }
 
 std::variant<request, refusal> as_request(const json::value& line) {
