@@ -9,12 +9,24 @@
 namespace wire {
 namespace {
 
-// Passes a document's building events on until the nesting gets too deep.
-class nesting_guard {
+// The reader takes the second half of a surrogate pair without its first
+// ("\\udc00") and makes three bytes of it that are not UTF-8.
+bool has_half_surrogate(std::string_view text) {
+    for (auto at = text.find('\xed'); at != std::string_view::npos;
+         at = text.find('\xed', at + 1)) {
+        if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) >= 0xa0)
+            return true;
+    }
+    return false;
+}
+
+// Passes a document's building events on until the nesting gets too deep or a
+// text is not UTF-8.
+class content_guard {
   public:
     using Ch = char;
 
-    explicit nesting_guard(json::document& into) : into_(into) {}
+    explicit content_guard(json::document& into) : into_(into) {}
 
     bool Null() { return into_.Null(); }
     bool Bool(bool v) { return into_.Bool(v); }
@@ -27,10 +39,10 @@ class nesting_guard {
         return into_.RawNumber(text, length, copy);
     }
     bool String(const char* text, rapidjson::SizeType length, bool copy) {
-        return into_.String(text, length, copy);
+        return !has_half_surrogate({text, length}) && into_.String(text, length, copy);
     }
     bool Key(const char* text, rapidjson::SizeType length, bool copy) {
-        return into_.Key(text, length, copy);
+        return !has_half_surrogate({text, length}) && into_.Key(text, length, copy);
     }
     bool StartObject() { return ++depth_ <= max_nesting && into_.StartObject(); }
     bool EndObject(rapidjson::SizeType members) {
@@ -156,7 +168,7 @@ const json::value* parser::parse(std::string_view line) {
     auto read = [&](json::document& into) {
         rapidjson::MemoryStream stream(line.data(), line.size());
         rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> text(stream);
-        nesting_guard guard(into);
+        content_guard guard(into);
         const rapidjson::ParseResult result = is_ascii(line)
                                                   ? reader_.Parse<ascii_flags>(text, guard)
                                                   : reader_.Parse<utf8_flags>(text, guard);
@@ -184,8 +196,7 @@ std::variant<request, refusal> as_request(const json::value& line) {
     const bool wants_answer = !std::holds_alternative<std::monostate>(found.id);
     const json::value* version = json::find(line, "jsonrpc");
     const json::value* method = json::find(line, "method");
-    const bool right_version = version != nullptr && version->IsString() &&
-                               std::string_view("2.0") == version->GetString();
+    const bool right_version = version != nullptr && *version == "2.0";
     if (!right_version || method == nullptr || !method->IsString())
         return refusal{wants_answer, found.id};
     found.method = {method->GetString(), method->GetStringLength()};
