@@ -183,7 +183,8 @@ class dh_db {
     static std::pair<std::string, std::string> split_path(std::string_view path);
 
     // Puts the node into the tree under its name. Where the path is taken the
-    // node there stays, and the new one is left unattached, with a log line.
+    // node there stays, and the new one is left unattached, with a log line. So
+    // is a node that is or was in a tree: it has its path for life.
     void add_node(const std::string& parent_path, std::shared_ptr<dh_db_leaf_node> node);
     // Takes the node out and ends its subscriptions. False where there is none.
     bool remove_node(std::string_view path);

@@ -189,9 +189,11 @@ std::pair<std::string, std::string> dh_db::split_path(std::string_view path) {
 void dh_db::add_node(const std::string& parent_path, std::shared_ptr<dh_db_leaf_node> node) {
     const std::string path = parent_path.empty() ? node->name() : parent_path + "/" + node->name();
     const std::unique_lock lock(tree_mutex_);
-    if (nodes_.contains(path) || node->is_attached()) {
+    if (nodes_.contains(path) || node->is_attached() || node->was_removed()) {
         MSG_LOG("dh_db", msg_log::warning)
-            << "msg: Path is taken, the new node stays outside the tree: " << path;
+            << (nodes_.contains(path) ? "msg: Path is taken, the new node stays outside the tree: "
+                                      : "msg: Node had its place already, it gets no other: ")
+            << path;
         return;
     }
     node->path_ = path;
