@@ -82,6 +82,9 @@ class parser {
     rapidjson::Reader reader_;
 };
 
+// Parses one line into a document of the caller's. False where it is no JSON.
+bool parse(std::string_view line, json::document& into);
+
 // The id of a request: an integer, a text, or none where the request wants no answer.
 using request_id = std::variant<std::monostate, std::int64_t, std::uint64_t, std::string>;
 

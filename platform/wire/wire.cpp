@@ -75,6 +75,25 @@ bool is_blank(std::string_view line) {
     return line.find_first_not_of(" \t\r\v\f") == std::string_view::npos;
 }
 
+bool read_line(std::string_view line, rapidjson::Reader& reader, json::document& into) {
+    // The reader takes a NUL for the end of the text.
+    if (line.find('\0') != std::string_view::npos)
+        return false;
+    bool well_formed = false;
+    auto read = [&](json::document& handler) {
+        rapidjson::MemoryStream stream(line.data(), line.size());
+        rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> text(stream);
+        content_guard guard(handler);
+        const rapidjson::ParseResult result = is_ascii(line)
+                                                  ? reader.Parse<ascii_flags>(text, guard)
+                                                  : reader.Parse<utf8_flags>(text, guard);
+        well_formed = !result.IsError();
+        return well_formed;
+    };
+    into.Populate(read);
+    return well_formed;
+}
+
 void write_id(json::writer& out, const request_id& id) {
     struct visitor {
         json::writer& out;
@@ -161,22 +180,12 @@ parser::parser() : document_(&pool_, 1024, &stack_allocator_), reader_(&stack_al
 const json::value* parser::parse(std::string_view line) {
     document_.SetNull();
     pool_.Clear();
-    // The reader takes a NUL for the end of the text.
-    if (line.find('\0') != std::string_view::npos)
-        return nullptr;
-    bool well_formed = false;
-    auto read = [&](json::document& into) {
-        rapidjson::MemoryStream stream(line.data(), line.size());
-        rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> text(stream);
-        content_guard guard(into);
-        const rapidjson::ParseResult result = is_ascii(line)
-                                                  ? reader_.Parse<ascii_flags>(text, guard)
-                                                  : reader_.Parse<utf8_flags>(text, guard);
-        well_formed = !result.IsError();
-        return well_formed;
-    };
-    document_.Populate(read);
-    return well_formed ? &document_ : nullptr;
+    return read_line(line, reader_, document_) ? &document_ : nullptr;
+}
+
+bool parse(std::string_view line, json::document& into) {
+    rapidjson::Reader reader;
+    return read_line(line, reader, into);
 }
 
 std::variant<request, refusal> as_request(const json::value& line) {
