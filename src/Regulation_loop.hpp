@@ -4,12 +4,14 @@
 #include "calibration_values.hpp"
 #include "channel_record.hpp"
 #include "dh_proxy.hpp"
+#include "regulation_law.hpp"
 #include "shared_field.hpp"
 
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_set>
 
@@ -35,7 +37,7 @@ class regulation_handler : public std::enable_shared_from_this<regulation_handle
         std::shared_ptr<dh::util::proxy> proxy, std::shared_ptr<device_handler_client> wss_edge,
         unsigned port);
     regulation_handler(std::shared_ptr<dh::util::proxy> proxy,
-                       const std::shared_ptr<device_handler_client>& wss_edge, unsigned port);
+                       std::shared_ptr<device_handler_client> wss_edge, unsigned port);
     regulation_handler(const regulation_handler&) = delete;
     regulation_handler& operator=(const regulation_handler&) = delete;
 
@@ -137,6 +139,9 @@ class regulation_handler : public std::enable_shared_from_this<regulation_handle
     void set_enable_lanecompensation(const bool& value) { enable_lanecompensation_ = value; }
     bool get_enable_lanecompensation() const { return enable_lanecompensation_; }
 
+    // Whether a channel without a peak was found standing above 23 dB, ever.
+    bool get_blocked_channel_lost() const { return blocked_channel_lost_; }
+
     // --- settings and calibration ---
     void set_verbose_mode(bool value) { verbose_ = value; }
     bool get_verbose_mode() const { return verbose_; }
@@ -158,6 +163,7 @@ class regulation_handler : public std::enable_shared_from_this<regulation_handle
     using alarm_node = std::shared_ptr<dh::api::status_value<unsigned int>>;
 
     static constexpr unsigned last_channel = 48;
+    static constexpr unsigned alarm_delay_cycles = 1;
 
     // Limits of the difference to the wanted power.
     struct alarm_limits {
@@ -174,9 +180,71 @@ class regulation_handler : public std::enable_shared_from_this<regulation_handle
         alarm_node highPower;
     };
 
+    struct channel_step;
+
+    // Construction and start.
+    void take_port_of_two_loops();
+    alarm_node publish_alarm(const std::string& path, unsigned severity);
+    alarm_nodes publish_client_alarms(unsigned ix);
+
+    // The calibration file.
+    void name_calibration_values();
+    void read_calibration();
+    std::optional<float> calibration(calibration_values key, const char* name);
+    float calibration_or(float fallback, calibration_values key, const char* name);
+    float read_booster_calibration();
+    float read_edfa_insertion_loss();
+    float read_eq_insertion_loss();
+
+    // Throws "not connected" after a reset.
+    client_pointer wss_edge() const;
+    std::string wss_data_path(unsigned ix, const char* leaf) const;
+    std::string wss_config_path(unsigned ix, const char* leaf) const;
+    std::string ocm_channel_path(unsigned ix, const char* leaf) const;
+
+    // The gain of the neighbour's booster, where it works for this port.
+    std::optional<float> neighbour_gain() const;
+    float client_side_power(const channel_record& channel, const std::string& port,
+                            float attenuation, float gain) const;
+    float read_booster_deviation();
+    void open_wanted_power_range(int channels);
+    float idle_attenuation(unsigned ix, const std::string& mode) const;
+    // Whether the channel was idle in that mode, and so was parked.
+    bool park_if_idle(unsigned ix, const char* mode, float attenuation);
+    void park_idle_channels(const char* mode, float attenuation);
+
+    // The parts of a step, in their order.
+    void tell_paths(unsigned ix) const;
+    void adjust_booster_calibration();
+    channel_step read_channel(unsigned ix, device_handler_client& wss_edge_client);
+    void take_reading(channel_step& step);
+    void append_to_history(channel_step& step);
+    float calibration_to_regulated_point() const;
+    void count_active_channel(channel_step& step);
+    bool is_budget_exceeded() const;
+    void remember_reading(channel_step& step);
+    bool follow_control_mode(channel_step& step);
+    void unblock_channel(const channel_step& step);
+    void take_peak_state(channel_step& step);
+    void restart_loss_timer(channel_step& step);
+    static void set_alarm(const alarm_node& node, bool raised);
+
+    void regulate_lit_channel(channel_step& step);
+    void tell_decision(const channel_step& step) const;
+    void refresh_power_alarms(const channel_step& step);
+    void correct_coarsely(channel_step& step);
+    void consider_giving_up(channel_step& step, float corrected);
+    float limit_correction(channel_step& step, float corrected);
+    regulation_law::lane_attenuations widen(const channel_step& step, float attenuation) const;
+    void fine_tune(channel_step& step);
+    void send_fine_tuning(channel_step& step, float attenuation);
+
+    void await_light(channel_step& step);
+    void act_on_loss(channel_step& step);
+
     const std::shared_ptr<dh::util::proxy> proxy_;
     shared_value<client_pointer> wss_edge_client_;  // empty after a reset
-    shared_value<client_pointer> booster_client_;
+    client_pointer booster_client_;
     const std::uint32_t WSS_port_;
     std::string log_channel_ = "tm_velt_regulation";
     std::string WSS_datapath_ = "data/wss/channel/";
@@ -222,5 +290,5 @@ class regulation_handler : public std::enable_shared_from_this<regulation_handle
     std::array<alarm_nodes, 96> client_alarms_;
     alarm_node pam4_alarm_;
     std::shared_ptr<dh::api::const_value<unsigned int>> total_channels_node_;
-    bool blocked_channel_lost_ = false;  // a channel without a peak stood above 23 dB
+    shared_number<bool> blocked_channel_lost_{false};
 };

@@ -18,7 +18,7 @@ constexpr int give_up_floor = 2;
 constexpr float high_change = 0.5F;
 constexpr float average_reset = -30.0F;
 
-constexpr float largest_adjustment = 10.0F;
+constexpr float largest_deviation = 10.0F;
 constexpr float largest_full_adjustment = 0.5F;
 
 constexpr float lowest_wanted_power = -2.0F;
@@ -61,9 +61,13 @@ float coarse_correction(float attenuation, float difference) {
     return static_cast<float>(corrected);
 }
 
+bool has_given_up(int counter) {
+    return counter < give_up_floor;
+}
+
 give_up judge_give_up(int counter, float attenuation, float power, float tilted_wanted_power) {
     const double wanted = tilted_wanted_power;
-    if (counter < give_up_floor)
+    if (has_given_up(counter))
         return give_up::earlier;
     if (attenuation < low_end_margin && power < wanted - power_band)
         return give_up::at_low_end;
@@ -128,12 +132,12 @@ float client_side_power(float monitored, float gain, float insertion_loss, float
     return monitored - gain + insertion_loss + attenuation + offset;
 }
 
-float usable_adjustment(float deviation) {
-    if (std::fabs(deviation) > largest_adjustment)
-        return 0.0F;
-    if (std::fabs(deviation) > largest_full_adjustment)
-        return deviation * 0.5F;
-    return deviation;
+bool is_plausible_deviation(float deviation) {
+    return std::fabs(deviation) <= largest_deviation;
+}
+
+float damped_adjustment(float deviation) {
+    return std::fabs(deviation) > largest_full_adjustment ? deviation * 0.5F : deviation;
 }
 
 float adjusted_calibration(float calibration, float adjustment) {

@@ -48,6 +48,9 @@ bool is_outside_band(float difference);
 // Half the difference at once; where that would be more than 3 dB, a fifth.
 float coarse_correction(float attenuation, float difference);
 
+// Whether the counter says that the channel was given up before.
+bool has_given_up(int counter);
+
 enum class give_up { no, earlier, at_low_end, at_high_end };
 
 // Whether the channel has come to where no correction helps. Giving up is told,
@@ -101,9 +104,11 @@ float tilt_loss(float wavelength, double fiber_length);
 float client_side_power(float monitored, float gain, float insertion_loss, float attenuation,
                         float offset);
 
-// How far the booster's own power is off the monitor's, brought down to what
-// may be acted on: nothing above 10 dB, half of what is above 0.5 dB.
-float usable_adjustment(float deviation);
+// Whether the booster's own power can be so far off the monitor's: up to 10 dB.
+bool is_plausible_deviation(float deviation);
+
+// The deviation, or half of it where it is above 0.5 dB.
+float damped_adjustment(float deviation);
 
 // The calibration moved by half an adjustment.
 float adjusted_calibration(float calibration, float adjustment);

@@ -12,7 +12,7 @@ class shared_number {
   public:
     explicit shared_number(T value = T()) : value_(value) {}
     shared_number(const shared_number&) = delete;
-    shared_number& operator=(const shared_number&) = delete;
+    shared_number& operator=(const shared_number& other) { return *this = T(other); }
 
     operator T() const { return value_.load(std::memory_order_relaxed); }
     shared_number& operator=(T value) {

@@ -225,18 +225,20 @@ TEST(RegulationClientPower, IsWorkedBackFromLeftToRight) {
                 (((3.1F - 21.3F) + 5.2F) + 7.7F) + 0.4F);
 }
 
-TEST(RegulationBoosterAdjustment, IsDroppedAboveTenDecibel) {
-    expect_same(usable_adjustment(10.0F), 5.0F);
-    expect_same(usable_adjustment(-10.0F), -5.0F);
-    expect_same(usable_adjustment(10.01F), 0.0F);
-    expect_same(usable_adjustment(-10.01F), 0.0F);
+TEST(RegulationBoosterAdjustment, DeviationOfUpToTenDecibelIsPlausible) {
+    EXPECT_TRUE(is_plausible_deviation(10.0F));
+    EXPECT_TRUE(is_plausible_deviation(-10.0F));
+    EXPECT_FALSE(is_plausible_deviation(10.01F));
+    EXPECT_FALSE(is_plausible_deviation(-10.01F));
+    EXPECT_FALSE(is_plausible_deviation(std::numeric_limits<float>::quiet_NaN()));
 }
 
 TEST(RegulationBoosterAdjustment, IsHalvedAboveHalfADecibel) {
-    expect_same(usable_adjustment(0.5F), 0.5F);
-    expect_same(usable_adjustment(-0.5F), -0.5F);
-    expect_same(usable_adjustment(0.6F), 0.3F);
-    expect_same(usable_adjustment(-0.6F), -0.3F);
+    expect_same(damped_adjustment(10.0F), 5.0F);
+    expect_same(damped_adjustment(0.5F), 0.5F);
+    expect_same(damped_adjustment(-0.5F), -0.5F);
+    expect_same(damped_adjustment(0.6F), 0.3F);
+    expect_same(damped_adjustment(-0.6F), -0.3F);
 }
 
 TEST(RegulationBoosterAdjustment, MovesTheCalibrationByHalfOfItRoundedOnce) {
