@@ -1,0 +1,159 @@
+// The control loop of the card: one or two regulators, the thread that drives
+// them, and the published control tree.
+#pragma once
+
+#include "dh_proxy.hpp"
+#include "Regulation_loop.hpp"
+#include "shared_field.hpp"
+
+#include <array>
+#include <memory>
+#include <string>
+#include <thread>
+
+// Owns the regulators and the poll thread, which takes over the hardware in a
+// cold or a warm start and then regulates channel by channel, cycle after
+// cycle. The setters and getters stand behind the paths of the tree: they are
+// called by the server's session threads and the value group's thread, and do
+// not wait for the poll thread.
+//
+// `port` is the index of a regulator: 0 is the first loop, 1 the EQ loop of a
+// two-loop card. `channel` is a channel-ix, 1 to 48. Powers are in dBm,
+// attenuations in dB. What reaches a device handler throws dh_client_exception
+// where the handler cannot be reached.
+class control_loop_main : public std::enable_shared_from_this<control_loop_main> {
+  public:
+    static constexpr unsigned channel_count = 48;
+
+    // Whether this card regulates two loops.
+    static bool has_two_loops();
+
+    // Makes the regulators and starts the poll thread. The subscriber gets the
+    // connection events of the system information's client.
+    static std::shared_ptr<control_loop_main> create(
+        std::shared_ptr<dh::util::proxy> proxy,
+        std::shared_ptr<device_handler_connection_subscriber> subscriber,
+        std::shared_ptr<device_handler_client> wss_edge_client,
+        std::shared_ptr<device_handler_client> booster_client);
+
+    control_loop_main(std::shared_ptr<dh::util::proxy> proxy,
+                      std::shared_ptr<device_handler_client> wss_edge_client,
+                      std::shared_ptr<device_handler_client> booster_client,
+                      std::shared_ptr<device_handler_client> system_info_client);
+    // Waits until the poll thread has finished the cycle that it is in.
+    ~control_loop_main();
+    control_loop_main(const control_loop_main&) = delete;
+    control_loop_main& operator=(const control_loop_main&) = delete;
+
+    // Publishes the control tree of this card. Called once, by the start-up.
+    void create_paths();
+
+    // The poll thread waits until the configuration is done.
+    bool get_configDone() const { return config_done_; }
+    void set_configDone(bool done) { config_done_ = done; }
+
+    float get_edfa_gain() const { return edfa_gain_; }
+    void set_edfa_gain(float gain) { edfa_gain_ = gain; }
+    float get_sfp_attenuation() const { return sfp_attenuation_; }
+    void set_sfp_attenuation(float attenuation) { sfp_attenuation_ = attenuation; }
+
+    // The attenuation of idle channels by the mode of their port; the getters
+    // yield what was last given.
+    float get_edfa_defaultAttenuation() const { return edfa_default_attenuation_; }
+    float get_express_defaultAttenuation() const { return express_default_attenuation_; }
+    void set_edfa_defaultAttenuation(float attenuation);
+    void set_edfa_defaultAttenuation_nosave(float attenuation);
+    void set_express_defaultAttenuation(float attenuation);
+    void set_express_defaultAttenuation_nosave(float attenuation);
+
+    // WSS insertion losses of the calibration.
+    float get_cal_cloop_wss_il_edfaport() const;
+    float get_cal_cloop_wss_il_expressport() const;
+
+    float get_wantedPowerMax(unsigned port) const;
+    float get_wantedPowerMin(unsigned port) const;
+    float get_wantedPowerDefault(unsigned port) const;
+    void set_wantedPowerMax(unsigned port, float power);
+    void set_wantedPowerMin(unsigned port, float power);
+    float get_wanted_power(unsigned port, unsigned channel) const;
+    void set_wanted_power(unsigned port, unsigned channel, float power);
+    void set_wanted_power_nosave(unsigned port, unsigned channel, float power);
+
+    float get_rxPower(unsigned port, unsigned channel) const;
+    float get_txPower(unsigned port, unsigned channel) const;
+
+    // The number of channels that share the booster's power. Setting it gives
+    // all channels of the port the default wanted power that follows from it.
+    unsigned get_maxChannels(unsigned port) const;
+    void set_maxChannels(unsigned port, unsigned count);
+    void set_maxChannels_nosave(unsigned port, unsigned count);
+    void set_number_of_AllowedChannels(unsigned port, unsigned count);
+    unsigned get_number_of_ActiveChannels(unsigned port) const;
+    void calculate_wanted_power(unsigned port);
+
+    float get_booster_TX_Adjustment(unsigned port) const;
+    float get_booster_TX_Adjustment_Diff(unsigned port) const;
+    float get_booster_Tx(unsigned port) const;
+    float get_booster_Tx_Original(unsigned port) const;
+
+    // How long a channel that lost its light keeps its attenuation, in seconds.
+    long long get_lossTimeout(unsigned port) const;
+    void set_lossTimeout(unsigned port, long long seconds);
+
+    bool get_verbose_mode(unsigned port) const;
+    void set_verbose_mode(unsigned port, bool verbose);
+
+    // "off", "edfa", "express" or "on".
+    std::string get_port_mode(unsigned port, int channel) const;
+    void set_port_mode(unsigned port, int channel, const std::string& mode);
+    // "power" or "off".
+    std::string get_optical_ControlMode(unsigned port, unsigned channel) const;
+    void set_optical_ControlMode(unsigned port, unsigned channel, const std::string& mode);
+
+    // Whether the EQ loop works together with an amplifier card in the
+    // neighbour slot: "enabled", any other text is no. Two-loop cards only.
+    void set_mx47_k47_combo_flag_nosave(const std::string& text);
+
+  private:
+    void start_poll_thread();
+    void poll_func();
+    bool wait_for_configuration();
+    void wait_for_wss_edge();
+    void take_over_wss_state(unsigned loops, bool coldstart);
+    void take_over_channel(unsigned loop, unsigned channel, bool coldstart);
+    void run_cycle(unsigned loops);
+    bool loop_may_run(unsigned loop) const;
+    void regulate_loop(unsigned loop);
+
+    void apply_max_channels(unsigned port, unsigned count);
+
+    void create_paths_t47();
+    void create_channel_paths_t47(unsigned channel);
+    template <auto Getter, class... Bound>
+    void add_volatile_value(const std::string& path, Bound... bound);
+    template <auto Setter, class... Bound>
+    void add_config_param(const std::string& path, Bound... bound);
+    template <auto Getter, class... Bound>
+    void add_measured_power(const std::string& path, Bound... bound);
+    template <auto Getter, class... Bound>
+    void add_set_value(const std::string& path, unsigned delay, Bound... bound);
+
+    const std::shared_ptr<dh::util::proxy> proxy_;
+    const std::shared_ptr<device_handler_client> wss_edge_client_;
+    const std::shared_ptr<device_handler_client> booster_client_;
+    const std::shared_ptr<device_handler_client> system_info_client_;
+    // Filled before the poll thread starts, and not changed from then on.
+    std::array<std::shared_ptr<regulation_handler>, 2> regulators_;
+    shared_number<bool> stop_requested_{false};
+    shared_number<bool> config_done_{false};
+    std::thread poll_thread_;
+    shared_number<float> edfa_default_attenuation_{0.0F};
+    shared_number<float> express_default_attenuation_{0.0F};
+    shared_number<unsigned> max_channels_{40};  // of the port that was set last
+    shared_number<float> edfa_gain_{0.0F};
+    shared_number<float> sfp_attenuation_{0.0F};
+    shared_number<bool> combo_flag_{false};
+    shared_number<bool> verbose_{false};
+    shared_number<bool> booster_enabled_{false};
+    shared_number<bool> neighbour_booster_enabled_{false};
+};

@@ -1,0 +1,50 @@
+// The top object of the daemon: owns the functional objects of the card and
+// starts them in their order.
+#pragma once
+
+#include "control_loop.hpp"
+#include "dh_proxy.hpp"
+
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+
+// Must be owned by a shared_ptr. The constructor touches no device.
+class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager_velt> {
+  public:
+    explicit traffic_manager_velt(dh_db& db);
+
+    // Starts all functional objects, then waits, at most 90 s, until the device
+    // handlers are ready. Called once, by the main thread. Throws what a
+    // functional object throws that cannot be started.
+    void start();
+
+    // Always 0; a call that hangs shows that somebody holds the main mutex.
+    unsigned mutex_status();
+
+  private:
+    using config_status_node = dh::api::status_value<bool, std::greater<bool>>;
+
+    void publish_own_nodes();
+    void start_modules();
+    void start_booster();
+    void start_wss_edge();
+    void start_control_loop();
+    void update_using_configuration_parameters();
+    std::shared_ptr<device_handler_client> create_client(const std::string& unix_path,
+                                                         const std::string& name);
+
+    void monitor_readiness();
+    void wait_until_ready() const;
+    bool is_ready() const;
+
+    dh_db& db_;
+    dh::api::value_group value_group_{1000, 0, 0};
+    std::mutex mutex_;  // the program's main mutex
+    std::shared_ptr<config_status_node> config_status_;
+    std::shared_ptr<dh::util::proxy> proxy_;
+    std::shared_ptr<device_handler_client> booster_client_;
+    std::shared_ptr<device_handler_client> wss_edge_client_;
+    std::shared_ptr<control_loop_main> control_loop_;
+};
