@@ -56,8 +56,8 @@ void limit_heaps() {
 }
 
 [[noreturn]] void serve(const settings& configured) {
-    const auto server = std::make_shared<device_handler_api>(
-        host::path("/tmp/device_managers/traffic_manager"), configured.port, false);
+    const auto server = std::make_shared<device_handler_api>("/tmp/device_managers/traffic_manager",
+                                                             configured.port, false);
     const auto manager = std::make_shared<traffic_manager_velt>(server->db());
     manager->start();
     MSG_LOG("tm_velt_init", msg_log::progress)

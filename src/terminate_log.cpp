@@ -5,7 +5,6 @@
 
 #include <cxxabi.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -46,11 +45,13 @@ std::string current_exception_text() {
 }
 
 [[noreturn]] void log_and_abort() noexcept {
-    static std::atomic<bool> is_ending{false};
-    if (!is_ending.exchange(true))  // writing the line may fail itself
+    thread_local bool is_ending = false;  // writing the line may fail itself
+    if (!is_ending) {
+        is_ending = true;
         MSG_LOG("tm_velt_init", msg_log::failure)
             << "msg: The process ends by an exception that nobody took: "
             << current_exception_text();
+    }
     std::abort();
 }
 
