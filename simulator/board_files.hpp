@@ -1,0 +1,16 @@
+// The files that a board carries from the factory.
+#pragma once
+
+#include "optical_plant.hpp"
+
+#include <string>
+
+namespace simulator {
+
+// Lays the kernel's list of compatible boards and the calibration file under
+// the root, over what is there. The calibration is that of the model. Throws
+// std::runtime_error, which names the file, where one cannot be written.
+void lay_board_files(const std::string& root, const std::string& compatible,
+                     const plant_model& model);
+
+}  // namespace simulator

@@ -1,0 +1,104 @@
+// Serves the device handlers of one simulated card until SIGTERM or SIGINT.
+
+#include "card.hpp"
+#include "host.hpp"
+#include "msg_log.hpp"
+
+#include <boost/program_options.hpp>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+namespace options = boost::program_options;
+
+constexpr int status_failed = 1;
+constexpr int status_bad_usage = 2;
+
+struct command_line {
+    bool help = false;
+    std::string card;
+    std::string scenario_file;
+    std::string root;
+    std::uint64_t seed = 1;
+};
+
+options::options_description describe(command_line& into) {
+    options::options_description described("card_simulator --card t47 [options]");
+    auto add = described.add_options();
+    add("help", options::bool_switch(&into.help), "print this text");
+    add("card", options::value(&into.card), "the card to simulate: t47");
+    add("scenario", options::value(&into.scenario_file), "JSON file of what happens to the light");
+    add("root", options::value(&into.root)->default_value(host::environment("VELT_ROOT", "")),
+        "prefix of all paths");
+    add("seed", options::value(&into.seed)->default_value(into.seed),
+        "of launch powers, ripple and noise");
+    return described;
+}
+
+void require_card(const std::string& card) {
+    if (card.empty())
+        throw std::invalid_argument("--card is missing");
+    if (card == "mx47" || card == "k47")
+        throw std::invalid_argument("card " + card + " is not simulated yet; t47 is");
+    if (card != "t47")
+        throw std::invalid_argument("there is no card " + card + "; t47 is simulated");
+}
+
+// Blocked for all threads that are started from now on.
+sigset_t block_termination() {
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGTERM);
+    sigaddset(&termination, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+    return termination;
+}
+
+void serve(const command_line& arguments, simulator::scenario actions) {
+    const sigset_t termination = block_termination();
+    const simulator::t47_card card({arguments.root, arguments.seed, std::move(actions)});
+    MSG_LOG("simulator", msg_log::progress)
+        << "msg: Card " << arguments.card << " is served, root: \"" << arguments.root
+        << "\", seed: " << arguments.seed;
+    int signal = 0;
+    sigwait(&termination, &signal);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    command_line arguments;
+    simulator::scenario actions;
+    try {
+        const auto described = describe(arguments);
+        options::variables_map values;
+        options::store(options::parse_command_line(argc, argv, described), values);
+        options::notify(values);
+        if (arguments.help) {
+            std::cout << described;
+            return 0;
+        }
+        require_card(arguments.card);
+        if (!arguments.scenario_file.empty())
+            actions = simulator::load_scenario(arguments.scenario_file);
+    } catch (const std::exception& error) {
+        std::cerr << "card_simulator: " << error.what() << '\n';
+        return status_bad_usage;
+    }
+    try {
+        msg_log::instance().init("card_simulator", true);
+        serve(arguments, std::move(actions));
+    } catch (const std::exception& error) {
+        std::cerr << "card_simulator: " << error.what() << '\n';
+        return status_failed;
+    }
+    return 0;
+}
