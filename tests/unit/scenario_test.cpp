@@ -1,0 +1,287 @@
+#include "scenario.hpp"
+
+#include "log_capture.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+namespace {
+
+using namespace simulator;
+
+constexpr double close = 1e-9;
+
+// The error's text, or nothing where the text is a scenario.
+std::string refusal_of(const std::string& text) {
+    try {
+        parse_scenario(text);
+    } catch (const scenario_error& error) {
+        return error.what();
+    }
+    return {};
+}
+
+std::string refusal_of_action(const std::string& members) {
+    return refusal_of(R"({"actions":[{"time":1,"action":"cut_fibre"},{)" + members + "}]}");
+}
+
+class Player : public testing::Test {
+  protected:
+    void play(const std::string& actions) {
+        player_.emplace(parse_scenario("{\"actions\":[" + actions + "]}"));
+    }
+    bool advance(double now) { return player_->advance(controls, now); }
+
+    plant_controls controls = default_controls(1);
+
+  private:
+    test::log_capture log_;
+    std::optional<scenario_player> player_;
+};
+
+TEST(ScenarioFile, EmptyListOfActionsIsAScenario) {
+    EXPECT_TRUE(parse_scenario(R"({"description":"quiet","actions":[]})").empty());
+}
+
+TEST(ScenarioFile, ActionsAreSortedByTimeAndKeepTheirOrderWithinOne) {
+    const scenario parsed = parse_scenario(R"({"actions":[
+        {"time":5,"action":"booster_on"},
+        {"time":2.5,"action":"cut_fibre"},
+        {"time":5,"action":"booster_off"}]})");
+    ASSERT_EQ(parsed.size(), 3U);
+    EXPECT_EQ(parsed[0].name, "cut_fibre");
+    EXPECT_EQ(parsed[0].time, 2.5);
+    EXPECT_EQ(parsed[1].name, "booster_on");
+    EXPECT_EQ(parsed[2].name, "booster_off");
+}
+
+TEST(ScenarioFile, ChannelsAreOneOrAListOrAll) {
+    const auto channels = [](const std::string& text) {
+        const scenario parsed = parse_scenario(
+            R"({"actions":[{"time":0,"action":"light_channels","channels":)" + text + "}]}");
+        return std::get<light_action>(parsed.at(0).action).channels;
+    };
+    EXPECT_EQ(channels("48").to_ullong(), std::uint64_t{1} << 48);
+    EXPECT_EQ(channels("[1,2,2]").to_ullong(), 0b110U);
+    EXPECT_EQ(channels("\"all\"").count(), 48U);
+    EXPECT_FALSE(channels("\"all\"").test(0));
+}
+
+TEST(BadScenarioFile, WhatIsNotJsonIsRefusedWithItsLine) {
+    EXPECT_THAT(refusal_of("{\n\"actions\": [\n}"), testing::StartsWith("is not JSON: line 3: "));
+    EXPECT_THAT(refusal_of(""), testing::StartsWith("is not JSON"));
+    EXPECT_THAT(refusal_of("{\"actions\":[]} x"), testing::StartsWith("is not JSON"));
+    EXPECT_THAT(refusal_of("{\"actions\":[],\"description\":\"\xff\"}"),
+                testing::StartsWith("is not JSON"));
+    EXPECT_NE(refusal_of(std::string("{\"actions\":[]}\0", 15)), "");
+}
+
+TEST(BadScenarioFile, DeepNestingIsRefused) {
+    constexpr std::size_t depth = 200'000;
+    EXPECT_THAT(refusal_of(std::string(depth, '[') + std::string(depth, ']')),
+                testing::StartsWith("is nested deeper than 64"));
+    EXPECT_THAT(refusal_of(std::string(depth, '[')), testing::StartsWith("is not JSON"));
+}
+
+TEST(BadScenarioFile, WrongShapeOfTheFileIsRefused) {
+    EXPECT_EQ(refusal_of("[]"), "the file: is no object");
+    EXPECT_EQ(refusal_of("{}"), "the file: \"actions\" is missing");
+    EXPECT_EQ(refusal_of(R"({"actions":{}})"), "the file: \"actions\" is no list");
+    EXPECT_EQ(refusal_of(R"({"actions":[],"acts":1})"), "the file: has no use for \"acts\"");
+    EXPECT_EQ(refusal_of(R"({"actions":[],"description":1})"),
+              "the file: \"description\" is no text");
+    EXPECT_EQ(refusal_of(R"({"actions":[1]})"), "actions[0]: is no object");
+}
+
+TEST(BadScenarioFile, TooManyActionsAreRefused) {
+    std::string text = R"({"actions":[{"time":1,"action":"cut_fibre"})";
+    for (std::size_t i = 0; i < max_scenario_actions; ++i)
+        text += R"(,{"time":1,"action":"cut_fibre"})";
+    EXPECT_EQ(refusal_of(text + "]}"), "the file: \"actions\" has more than 10000 entries");
+}
+
+TEST(BadScenarioFile, TheEntryThatIsWrongIsNamed) {
+    EXPECT_EQ(refusal_of_action(R"("time":1,"action":"explode")"),
+              "actions[1]: there is no action \"explode\"");
+    EXPECT_EQ(refusal_of_action(R"("time":1)"), "actions[1]: \"action\" is missing");
+    EXPECT_EQ(refusal_of_action(R"("time":1,"action":7)"), "actions[1]: \"action\" is no text");
+    EXPECT_EQ(refusal_of_action(R"("action":"cut_fibre")"), "actions[1]: \"time\" is missing");
+    EXPECT_EQ(refusal_of_action(R"("time":"1","action":"cut_fibre")"),
+              "actions[1]: \"time\" is no number");
+    EXPECT_EQ(refusal_of_action(R"("time":1,"action":"cut_fibre","channels":1)"),
+              "actions[1]: has no use for \"channels\"");
+}
+
+TEST(BadScenarioFile, ALongNameIsNotRepeatedInFull) {
+    const std::string text =
+        refusal_of_action(R"("time":1,"action":")" + std::string(100'000, 'x') + '"');
+    EXPECT_LT(text.size(), 200U);
+}
+
+TEST(BadScenarioFile, NumbersOutsideTheirRangeAreRefused) {
+    EXPECT_EQ(refusal_of_action(R"("time":-0.5,"action":"cut_fibre")"),
+              "actions[1]: \"time\" is -0.5, outside 0 to 1000000000");
+    EXPECT_NE(refusal_of_action(R"("time":1e300,"action":"cut_fibre")"), "");
+    EXPECT_NE(refusal_of_action(R"("time":1e400,"action":"cut_fibre")"), "");
+    EXPECT_NE(refusal_of_action(R"("time":1,"action":"set_span_loss","loss":-1)"), "");
+    EXPECT_NE(refusal_of_action(R"("time":1,"action":"set_booster_gain","gain":36)"), "");
+    EXPECT_NE(refusal_of_action(R"("time":1,"action":"change_span_loss","change":61)"), "");
+    EXPECT_NE(refusal_of_action(R"("time":1,"action":"change_span_loss","change":1,"over":-1)"),
+              "");
+    EXPECT_NE(refusal_of_action(R"("time":1,"action":"set_launch_power","channels":1,"power":21)"),
+              "");
+}
+
+TEST(BadScenarioFile, WhatIsNoChannelIsRefused) {
+    for (const std::string channels :
+         {"0", "49", "-1", "1.5", "\"some\"", "[]", "[1,49]", "[[1]]", "true", "null"})
+        EXPECT_NE(refusal_of_action(R"("time":1,"action":"light_channels","channels":)" + channels),
+                  "")
+            << channels;
+}
+
+class ScenarioOnDisk : public testing::Test {
+  protected:
+    ScenarioOnDisk()
+        : file_(std::filesystem::temp_directory_path() /
+                ("scenario_test_" + std::to_string(getpid()) + ".json")) {}
+    ~ScenarioOnDisk() override { std::filesystem::remove(file_); }
+
+    std::string refusal_of_file(const std::string& content) {
+        std::ofstream(file_, std::ios::binary) << content;
+        try {
+            load_scenario(file_.string());
+        } catch (const scenario_error& error) {
+            return error.what();
+        }
+        return {};
+    }
+
+    const std::filesystem::path file_;
+};
+
+TEST_F(ScenarioOnDisk, IsLoaded) {
+    EXPECT_EQ(refusal_of_file(R"({"actions":[]})"), "");
+}
+
+TEST_F(ScenarioOnDisk, RefusalNamesTheFile) {
+    EXPECT_EQ(refusal_of_file("{}"),
+              "scenario " + file_.string() + ": the file: \"actions\" is missing");
+}
+
+TEST_F(ScenarioOnDisk, AFileLongerThanTheLimitIsRefused) {
+    EXPECT_THAT(refusal_of_file(std::string(max_scenario_bytes + 1, ' ')),
+                testing::HasSubstr("is longer than 1048576 bytes"));
+}
+
+TEST_F(ScenarioOnDisk, AFileThatCannotBeReadIsRefused) {
+    EXPECT_THROW(load_scenario("/no/such/file"), scenario_error);
+    EXPECT_THROW(load_scenario("/"), scenario_error);
+    EXPECT_THROW(load_scenario("/dev/zero"), scenario_error);
+}
+
+TEST_F(Player, ActionHappensAtItsTimeAndOnce) {
+    play(R"({"time":10,"action":"cut_fibre"})");
+    EXPECT_FALSE(advance(9.999));
+    EXPECT_TRUE(controls.fibre_intact);
+    EXPECT_TRUE(advance(10.0));
+    EXPECT_FALSE(controls.fibre_intact);
+    controls.fibre_intact = true;
+    EXPECT_FALSE(advance(11.0));
+    EXPECT_TRUE(controls.fibre_intact);
+}
+
+TEST_F(Player, LateLookCarriesOutAllThatWasDueInOrder) {
+    play(R"({"time":1,"action":"booster_off"},{"time":2,"action":"booster_on"},
+            {"time":3,"action":"set_span_loss","loss":7},{"time":90,"action":"cut_fibre"})");
+    EXPECT_TRUE(advance(50.0));
+    EXPECT_FALSE(controls.booster_fault);
+    EXPECT_EQ(controls.span_loss, 7.0);
+    EXPECT_TRUE(controls.fibre_intact);
+}
+
+TEST_F(Player, ChannelsGoAndCome) {
+    play(R"({"time":1,"action":"darken_channels","channels":[1,2]},
+            {"time":2,"action":"light_channels","channels":2})");
+    advance(1.0);
+    EXPECT_FALSE(controls.channels[1].lit);
+    EXPECT_FALSE(controls.channels[2].lit);
+    EXPECT_TRUE(controls.channels[3].lit);
+    advance(2.0);
+    EXPECT_FALSE(controls.channels[1].lit);
+    EXPECT_TRUE(controls.channels[2].lit);
+}
+
+TEST_F(Player, LaunchPowerIsSetOnTheNamedChannelsOnly) {
+    const double third = controls.channels[3].launch_power;
+    play(R"({"time":1,"action":"set_launch_power","channels":[1,2],"power":-7.5})");
+    advance(1.0);
+    EXPECT_EQ(controls.channels[1].launch_power, -7.5);
+    EXPECT_EQ(controls.channels[2].launch_power, -7.5);
+    EXPECT_EQ(controls.channels[3].launch_power, third);
+}
+
+TEST_F(Player, ChangeWithoutDurationIsAStep) {
+    play(R"({"time":1,"action":"change_span_loss","change":2})");
+    EXPECT_TRUE(advance(1.0));
+    EXPECT_NEAR(controls.span_loss, 7.0, close);
+    EXPECT_FALSE(advance(2.0));
+    EXPECT_NEAR(controls.span_loss, 7.0, close);
+}
+
+TEST_F(Player, ChangeOverTimeIsEvenAndEndsAtItsWhole) {
+    play(R"({"time":100,"action":"change_booster_gain","change":-2,"over":50})");
+    advance(100.0);
+    EXPECT_NEAR(controls.booster_gain, 22.0, close);
+    EXPECT_TRUE(advance(125.0));
+    EXPECT_NEAR(controls.booster_gain, 21.0, close);
+    advance(137.5);
+    EXPECT_NEAR(controls.booster_gain, 20.5, close);
+    advance(1000.0);
+    EXPECT_NEAR(controls.booster_gain, 20.0, close);
+    EXPECT_FALSE(advance(1001.0));
+}
+
+TEST_F(Player, ChangesThatOverlapAddUp) {
+    play(R"({"time":0,"action":"change_span_loss","change":4,"over":40},
+            {"time":20,"action":"change_span_loss","change":-1,"over":10})");
+    advance(25.0);
+    EXPECT_NEAR(controls.span_loss, 5.0 + 2.5 - 0.5, close);
+    advance(40.0);
+    EXPECT_NEAR(controls.span_loss, 5.0 + 4.0 - 1.0, close);
+}
+
+TEST_F(Player, ValueSetDuringAChangeGoesOnChangingFromThere) {
+    play(R"({"time":0,"action":"change_span_loss","change":4,"over":40},
+            {"time":10,"action":"set_span_loss","loss":20})");
+    advance(30.0);
+    EXPECT_NEAR(controls.span_loss, 20.0 + 2.0, close);
+}
+
+TEST_F(Player, ChangesStayWithinWhatExists) {
+    play(R"({"time":1,"action":"change_booster_gain","change":60},
+            {"time":1,"action":"change_span_loss","change":-60},
+            {"time":1,"action":"change_launch_power","channels":"all","change":60})");
+    advance(1.0);
+    EXPECT_EQ(controls.booster_gain, booster_gain_range.high);
+    EXPECT_EQ(controls.span_loss, span_loss_range.low);
+    EXPECT_EQ(controls.channels[48].launch_power, launch_power_range.high);
+}
+
+TEST(ExampleScenarios, AllParse) {
+    unsigned found = 0;
+    for (const auto& file : std::filesystem::directory_iterator(VELT_SCENARIO_DIR)) {
+        EXPECT_NO_THROW(load_scenario(file.path().string())) << file.path();
+        ++found;
+    }
+    EXPECT_GE(found, 3U);
+}
+
+}  // namespace
