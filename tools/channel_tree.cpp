@@ -1,0 +1,27 @@
+#include "channel_tree.hpp"
+
+namespace tmctl {
+
+std::vector<channel_paths> one_port_channels() {
+    std::vector<channel_paths> channels;
+    for (unsigned channel = 1; channel <= highest_channel; ++channel) {
+        const std::string data = "control/data/" + std::to_string(channel);
+        // The clients of the alarms are numbered one above the channels.
+        const std::string client = "alarms/client/" + std::to_string(channel + 1);
+        const std::string wss = "data/wss/channel/" + std::to_string(channel);
+        channels.push_back(
+            {.channel = channel,
+             .wanted = data + "/wantedPower",
+             .rx = data + "/rxPower",
+             .tx = data + "/txPower",
+             .mode = data + "/opticalControlMode",
+             .port = data + "/portMode",
+             .loss = client + "/rx/lossOfSignal/severity",
+             .attenuation = wss + "/attenuation",
+             .idle_attenuation = {{"edfa", "control/data/edfa/defaultAttenuation"},
+                                  {"express", "control/data/express/defaultAttenuation"}}});
+    }
+    return channels;
+}
+
+}  // namespace tmctl

@@ -1,0 +1,272 @@
+#include "channels_command.hpp"
+
+#include "channel_board.hpp"
+#include "channel_table.hpp"
+#include "dh_error.hpp"
+#include "entries.hpp"
+#include "host.hpp"
+#include "live_screen.hpp"
+#include "tmctl.hpp"
+#include "value_text.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+
+namespace tmctl {
+namespace {
+
+program_time now() {
+    return host::time().monotonic();
+}
+
+program_time span(double seconds) {
+    return std::chrono::duration_cast<program_time>(std::chrono::duration<double>(seconds));
+}
+
+std::vector<channel_paths> chosen_channels(const arguments& given) {
+    const std::vector<unsigned> numbers = parse_channels(given.operands, highest_channel);
+    std::vector<channel_paths> channels = one_port_channels();
+    if (!numbers.empty())
+        std::erase_if(channels, [&numbers](const channel_paths& paths) {
+            return !std::ranges::binary_search(numbers, paths.channel);
+        });
+    return channels;
+}
+
+// The paths that the traffic manager can tell changes of.
+std::vector<std::string> followed_paths(const std::vector<channel_paths>& channels) {
+    std::vector<std::string> paths;
+    for (const channel_paths& channel : channels)
+        paths.insert(paths.end(), {channel.wanted, channel.rx, channel.tx, channel.mode,
+                                   channel.port, channel.loss});
+    return paths;
+}
+
+std::vector<std::string> idle_paths(const std::vector<channel_paths>& channels) {
+    std::set<std::string> paths;
+    for (const channel_paths& channel : channels) {
+        for (const auto& [port, path] : channel.idle_attenuation)
+            paths.insert(path);
+    }
+    return {paths.begin(), paths.end()};
+}
+
+std::vector<std::string> attenuation_paths(const std::vector<channel_paths>& channels) {
+    std::vector<std::string> paths;
+    for (const channel_paths& channel : channels)
+        paths.push_back(channel.attenuation);
+    return paths;
+}
+
+// Keeps a board filled from the traffic manager and, where it can be reached,
+// from the WSS handler.
+class channel_source {
+  public:
+    channel_source(const arguments& given, const surroundings& around)
+        : around_(around),
+          board_(chosen_channels(given), now()),
+          traffic_manager_(given.server, around.interrupt, event_handler()) {
+        if (given.wss_edge)
+            connect_wss_edge(*given.wss_edge);
+    }
+
+    const channel_board& board() const { return board_; }
+
+    // Asks once. False where a value could not be read, which is reported.
+    bool read() {
+        require_channels();
+        bool complete = ask(traffic_manager_, "read", followed_paths(board_.paths()));
+        complete &= ask(traffic_manager_, "read", idle_paths(board_.paths()));
+        if (wss_edge_)
+            complete &= ask(*wss_edge_, "read", attenuation_paths(board_.paths()));
+        return complete;
+    }
+
+    // The same, and from now on `follow` keeps the board up to date, but for
+    // the idle attenuations, of which the traffic manager tells no changes.
+    bool subscribe() {
+        require_channels();
+        bool complete = ask(traffic_manager_, "subscribe", followed_paths(board_.paths()));
+        complete &= ask(traffic_manager_, "read", idle_paths(board_.paths()));
+        if (wss_edge_)
+            complete &= ask(*wss_edge_, "subscribe", attenuation_paths(board_.paths()));
+        return complete;
+    }
+
+    void follow(std::chrono::nanoseconds real_time) {
+        const auto end = handler_connection::clock::now() + real_time;
+        if (wss_edge_)
+            handler_connection::follow({&traffic_manager_, wss_edge_.get()}, end,
+                                       around_.interrupt);
+        else
+            handler_connection::follow({&traffic_manager_}, end, around_.interrupt);
+    }
+
+  private:
+    handler_connection::event_handler event_handler() {
+        return [this](const json::value& event) { take_event(event); };
+    }
+
+    void connect_wss_edge(const endpoint& where) {
+        try {
+            wss_edge_ =
+                std::make_unique<handler_connection>(where, around_.interrupt, event_handler());
+        } catch (const connection_error&) {
+            // The attenuations are not known then, and shown so.
+        }
+    }
+
+    // A card of another kind has no channels at these paths.
+    void require_channels() {
+        const std::vector<std::string> first{board_.paths().front().wanted};
+        call_with_paths(traffic_manager_, "read", first, [](std::size_t, const json::value& entry) {
+            const json::value* error = json::find(entry, "error");
+            const json::value* code = error != nullptr ? json::find(*error, "code") : nullptr;
+            if (code != nullptr && code->IsInt() && code->GetInt() == dh_error_code::no_such_path)
+                throw request_error{dh_error_code::no_such_path,
+                                    "the server publishes no channels of a one-port card"};
+        });
+    }
+
+    bool ask(handler_connection& connection, const char* method,
+             const std::vector<std::string>& paths) {
+        bool complete = true;
+        call_with_paths(connection, method, paths, [&](std::size_t i, const json::value& entry) {
+            if (const json::value* value = found(entry, "value")) {
+                board_.take(paths[i], *value, now());
+            } else {
+                report_failure(around_, paths[i], entry);
+                complete = false;
+            }
+        });
+        return complete;
+    }
+
+    void take_event(const json::value& event) {
+        const json::value* path = json::find(event, "path");
+        if (path == nullptr || !path->IsString())
+            return;
+        static const json::value none;
+        const json::value* value = json::find(event, "value");
+        board_.take({path->GetString(), path->GetStringLength()}, value != nullptr ? *value : none,
+                    now());
+    }
+
+    const surroundings& around_;
+    channel_board board_;
+    handler_connection traffic_manager_;
+    std::unique_ptr<handler_connection> wss_edge_;
+};
+
+// The channels that `--until` waits for: those that were named, or all with light.
+std::vector<channel_readings> awaited(const arguments& given, const channel_board& board) {
+    std::vector<channel_readings> channels = board.channels();
+    if (given.operands.empty())
+        std::erase_if(channels, [](const channel_readings& c) { return !c.light.value_or(false); });
+    return channels;
+}
+
+bool has_arrived(const arguments& given, const channel_board& board,
+                 const channel_readings& channel) {
+    if (given.until == "settled")
+        return board.settled(channel, now(), span(given.quiet));
+    return given.until == name(channel.state());
+}
+
+bool all_have_arrived(const arguments& given, const channel_board& board) {
+    const std::vector<channel_readings> channels = awaited(given, board);
+    return !channels.empty() && std::ranges::all_of(channels, [&](const channel_readings& channel) {
+        return has_arrived(given, board, channel);
+    });
+}
+
+void report_late_channels(const arguments& given, const surroundings& around,
+                          const channel_board& board) {
+    const std::vector<channel_readings> channels = awaited(given, board);
+    if (channels.empty())
+        around.err << "tmctl: no channel has light\n";
+    for (const channel_readings& channel : channels) {
+        if (!has_arrived(given, board, channel))
+            around.err << fmt::format(
+                "tmctl: channel {} is not {} after {} s: {}, {} coarse and {} fine corrections\n",
+                channel.channel, given.until, given.time_limit, name(channel.state()),
+                channel.progress.coarse, channel.progress.fine);
+    }
+}
+
+void print(const surroundings& around, const std::vector<std::string>& lines) {
+    for (const std::string& line : lines)
+        around.out << line << '\n';
+}
+
+void print_channels(const arguments& given, const surroundings& around,
+                    const channel_board& board) {
+    if (!given.json)
+        return print(around, table(board.channels()));
+    for (const channel_readings& channel : board.channels())
+        around.out << channel_json(channel) << '\n';
+}
+
+int show_once(const arguments& given, const surroundings& around) {
+    channel_source source(given, around);
+    const bool complete = source.read();
+    print_channels(given, around, source.board());
+    return complete ? exit_status::done : exit_status::failed;
+}
+
+// Follows the channels until they have arrived, or the time is over.
+bool wait_for_channels(const arguments& given, channel_source& source, live_screen* screen) {
+    constexpr std::chrono::milliseconds unseen_interval{20};
+    const std::chrono::nanoseconds interval = screen ? span(given.interval) : unseen_interval;
+    const program_time end = now() + span(given.time_limit);
+    for (;;) {
+        if (screen)
+            screen->show(table(source.board().channels()));
+        if (!given.until.empty() && all_have_arrived(given, source.board()))
+            return true;
+        if (!given.until.empty() && now() >= end)
+            return false;
+        source.follow(interval);
+    }
+}
+
+int show_until(const arguments& given, const surroundings& around) {
+    channel_source source(given, around);
+    source.subscribe();
+    bool arrived = false;
+    if (given.live) {
+        live_screen screen(around);
+        arrived = wait_for_channels(given, source, &screen);
+    } else {
+        arrived = wait_for_channels(given, source, nullptr);
+        print_channels(given, around, source.board());
+    }
+    if (!arrived) {
+        report_late_channels(given, around, source.board());
+        return exit_status::failed;
+    }
+    if (given.until == "settled" && !given.json)
+        print(around, summary(awaited(given, source.board()), source.board().start()));
+    return exit_status::done;
+}
+
+int show_live(const arguments& given, const surroundings& around) {
+    try {
+        return show_until(given, around);
+    } catch (const interruption&) {
+        if (given.until.empty())
+            return exit_status::done;  // how it ends
+        throw;
+    }
+}
+
+}  // namespace
+
+int channels(const arguments& given, const surroundings& around) {
+    return given.live || !given.until.empty() ? show_live(given, around) : show_once(given, around);
+}
+
+}  // namespace tmctl

@@ -1,0 +1,49 @@
+#include "live_screen.hpp"
+
+#include "value_text.hpp"
+
+#include <algorithm>
+
+namespace tmctl {
+namespace {
+
+constexpr const char* hide_cursor = "\x1b[?25l";
+constexpr const char* show_cursor = "\x1b[?25h";
+constexpr const char* erase_rest_of_line = "\x1b[K";
+constexpr const char* erase_rest_of_screen = "\x1b[J";
+
+}  // namespace
+
+live_screen::live_screen(const surroundings& around) : around_(around) {
+    if (around_.terminal)
+        around_.out << hide_cursor << std::flush;
+}
+
+live_screen::~live_screen() {
+    if (around_.terminal)
+        around_.out << show_cursor << std::flush;
+}
+
+void live_screen::show(const std::vector<std::string>& lines) {
+    if (around_.terminal) {
+        redraw(lines);
+    } else {
+        for (const std::string& line : lines)
+            around_.out << line << '\n';
+        around_.out << '\n';
+    }
+    around_.out.flush();
+}
+
+void live_screen::redraw(const std::vector<std::string>& lines) {
+    const auto [rows, columns] = around_.terminal();
+    const std::size_t room = std::max<std::size_t>(rows, 2) - 1;  // the cursor stands below
+    if (drawn_ > 0)
+        around_.out << "\r\x1b[" << std::min(drawn_, room) << 'A';
+    drawn_ = std::min(lines.size(), room);
+    for (std::size_t i = 0; i < drawn_; ++i)
+        around_.out << cut(lines[i], columns) << erase_rest_of_line << '\n';
+    around_.out << erase_rest_of_screen;
+}
+
+}  // namespace tmctl
