@@ -39,7 +39,13 @@ std::optional<bool> as_light(const json::value& severity) {
     return severity.IsUint() ? std::optional(severity.GetUint() == 0) : std::nullopt;
 }
 
-void note_correction(channel_progress& progress, double step, program_time now) {
+// Whether the attenuation is the one that idle channels stand at.
+bool is_idle(const channel_readings& channel, const std::optional<double>& attenuation) {
+    return attenuation && channel.idle_attenuation &&
+           std::abs(*attenuation - *channel.idle_attenuation) < attenuation_tolerance;
+}
+
+void count_correction(channel_progress& progress, double step, program_time now) {
     if (step > largest_fine_step) {
         ++progress.coarse;
         progress.fine = 0;
@@ -47,6 +53,15 @@ void note_correction(channel_progress& progress, double step, program_time now) 
         ++progress.fine;
     }
     progress.last_correction = now;
+}
+
+void note_correction(channel_readings& channel, const channel_readings& before, program_time now) {
+    if (channel.commanded == before.commanded || is_idle(channel, channel.commanded))
+        return;
+    // What nobody has commanded yet stands as the hardware came up.
+    const std::optional<double>& old = before.commanded ? before.commanded : before.attenuation;
+    if (old && channel.commanded)
+        count_correction(channel.progress, std::abs(*channel.commanded - *old), now);
 }
 
 void note_band(channel_readings& channel, program_time now) {
@@ -68,11 +83,6 @@ bool is_state_name(std::string_view text) {
                                [text](const named_state& known) { return text == known.name; });
 }
 
-bool channel_readings::is_parked() const {
-    return attenuation && idle_attenuation &&
-           std::abs(*attenuation - *idle_attenuation) < attenuation_tolerance;
-}
-
 channel_state channel_readings::state() const {
     if (mode == "off")
         return channel_state::blocked;
@@ -81,7 +91,7 @@ channel_state channel_readings::state() const {
     if (!mode || !light)
         return channel_state::unknown;
     if (!*light)
-        return is_parked() ? channel_state::parked : channel_state::dark;
+        return is_idle(*this, attenuation) ? channel_state::parked : channel_state::dark;
     if (const auto away = difference())
         return std::abs(*away) > band ? channel_state::regulating : channel_state::fine;
     return channel_state::unknown;
@@ -103,6 +113,7 @@ channel_board::channel_board(std::vector<channel_paths> channels, program_time n
         numbers_[paths.rx] = {i, &channel_readings::rx};
         numbers_[paths.tx] = {i, &channel_readings::tx};
         numbers_[paths.attenuation] = {i, &channel_readings::attenuation};
+        numbers_[paths.commanded] = {i, &channel_readings::commanded};
         texts_[paths.mode] = {i, &channel_readings::mode};
         texts_[paths.port] = {i, &channel_readings::port};
         losses_[paths.loss] = i;
@@ -113,7 +124,10 @@ channel_board::channel_board(std::vector<channel_paths> channels, program_time n
 
 void channel_board::take(std::string_view path, const json::value& value, program_time now) {
     if (const auto number = numbers_.find(path); number != numbers_.end()) {
-        take_number(channels_[number->second.first], number->second.second, value, now);
+        const auto& [index, field] = number->second;
+        const channel_readings before = channels_[index];
+        channels_[index].*field = as_number(value);
+        note_correction(channels_[index], before, now);
     } else if (const auto text = texts_.find(path); text != texts_.end()) {
         channels_[text->second.first].*text->second.second = as_text(value);
     } else if (const auto loss = losses_.find(path); loss != losses_.end()) {
@@ -126,16 +140,6 @@ void channel_board::take(std::string_view path, const json::value& value, progra
     find_idle_attenuations();
     for (channel_readings& channel : channels_)
         note_band(channel, now);
-}
-
-void channel_board::take_number(channel_readings& channel,
-                                std::optional<double> channel_readings::*field,
-                                const json::value& value, program_time now) {
-    const std::optional<double> before = std::exchange(channel.*field, as_number(value));
-    const std::optional<double>& after = channel.*field;
-    const bool changed = before && after && *before != *after;
-    if (field == &channel_readings::attenuation && changed && !channel.is_parked())
-        note_correction(channel.progress, std::abs(*after - *before), now);
 }
 
 void channel_board::find_idle_attenuations() {

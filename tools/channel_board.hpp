@@ -50,6 +50,7 @@ struct channel_readings {
     std::optional<double> rx;                // dBm
     std::optional<double> tx;                // dBm
     std::optional<double> attenuation;       // dB
+    std::optional<double> commanded;         // dB, attenuation that was asked for last
     std::optional<double> idle_attenuation;  // dB, of the port mode
     std::optional<std::string> mode;
     std::optional<std::string> port;
@@ -59,7 +60,6 @@ struct channel_readings {
     channel_state state() const;
     // How much the power lies above the wanted one, in dB; none without light.
     std::optional<double> difference() const;
-    bool is_parked() const;
 };
 
 class channel_board {
@@ -70,8 +70,9 @@ class channel_board {
     const std::vector<channel_readings>& channels() const { return channels_; }
 
     // The value of a path; null, or of the wrong type, where it has none. A path
-    // that belongs to no channel is passed over. An attenuation that differs
-    // from the one known before is a correction, unless it parks the channel.
+    // that belongs to no channel is passed over. A commanded attenuation that
+    // differs from what was known before is a correction, unless it parks the
+    // channel.
     void take(std::string_view path, const json::value& value, program_time now);
 
     // Whether the channel is fine, and was not corrected for that long.
@@ -85,8 +86,6 @@ class channel_board {
         std::map<std::string, std::pair<std::size_t, std::optional<T> channel_readings::*>,
                  std::less<>>;
 
-    void take_number(channel_readings&, std::optional<double> channel_readings::*,
-                     const json::value& value, program_time now);
     void find_idle_attenuations();
 
     const std::vector<channel_paths> paths_;

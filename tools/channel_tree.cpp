@@ -8,7 +8,7 @@ std::vector<channel_paths> one_port_channels() {
         const std::string data = "control/data/" + std::to_string(channel);
         // The clients of the alarms are numbered one above the channels.
         const std::string client = "alarms/client/" + std::to_string(channel + 1);
-        const std::string wss = "data/wss/channel/" + std::to_string(channel);
+        const std::string wss = "wss/channel/" + std::to_string(channel) + "/attenuation";
         channels.push_back(
             {.channel = channel,
              .wanted = data + "/wantedPower",
@@ -17,7 +17,8 @@ std::vector<channel_paths> one_port_channels() {
              .mode = data + "/opticalControlMode",
              .port = data + "/portMode",
              .loss = client + "/rx/lossOfSignal/severity",
-             .attenuation = wss + "/attenuation",
+             .attenuation = "data/" + wss,
+             .commanded = "config/" + wss,
              .idle_attenuation = {{"edfa", "control/data/edfa/defaultAttenuation"},
                                   {"express", "control/data/express/defaultAttenuation"}}});
     }

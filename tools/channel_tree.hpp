@@ -7,8 +7,8 @@
 
 namespace tmctl {
 
-// The paths of one channel. All but the attenuation are in the traffic
-// manager's tree, the attenuation in that of the WSS handler.
+// The paths of one channel. All but the attenuations are in the traffic
+// manager's tree, those in that of the WSS handler.
 struct channel_paths {
     unsigned channel;
     std::string wanted;
@@ -18,6 +18,7 @@ struct channel_paths {
     std::string port;
     std::string loss;  // severity of the alarm "loss of signal", 0 where there is light
     std::string attenuation;
+    std::string commanded;  // attenuation that was asked for last
     // By port mode, where the attenuation stands at which a dark channel is parked.
     std::map<std::string, std::string> idle_attenuation;
 };

@@ -26,6 +26,11 @@ program_time span(double seconds) {
     return std::chrono::duration_cast<program_time>(std::chrono::duration<double>(seconds));
 }
 
+const json::value& no_value() {
+    static const json::value null;
+    return null;
+}
+
 std::vector<channel_paths> chosen_channels(const arguments& given) {
     const std::vector<unsigned> numbers = parse_channels(given.operands, highest_channel);
     std::vector<channel_paths> channels = one_port_channels();
@@ -54,10 +59,11 @@ std::vector<std::string> idle_paths(const std::vector<channel_paths>& channels) 
     return {paths.begin(), paths.end()};
 }
 
-std::vector<std::string> attenuation_paths(const std::vector<channel_paths>& channels) {
+std::vector<std::string> each_path(const std::vector<channel_paths>& channels,
+                                   std::string channel_paths::*which) {
     std::vector<std::string> paths;
     for (const channel_paths& channel : channels)
-        paths.push_back(channel.attenuation);
+        paths.push_back(channel.*which);
     return paths;
 }
 
@@ -78,22 +84,20 @@ class channel_source {
     // Asks once. False where a value could not be read, which is reported.
     bool read() {
         require_channels();
-        bool complete = ask(traffic_manager_, "read", followed_paths(board_.paths()));
-        complete &= ask(traffic_manager_, "read", idle_paths(board_.paths()));
-        if (wss_edge_)
-            complete &= ask(*wss_edge_, "read", attenuation_paths(board_.paths()));
-        return complete;
+        const bool followed = ask(traffic_manager_, "read", followed_paths(board_.paths()));
+        const bool idle = ask(traffic_manager_, "read", idle_paths(board_.paths()));
+        return read_attenuations(failures::reported) && followed && idle;
     }
 
     // The same, and from now on `follow` keeps the board up to date, but for
     // the idle attenuations, of which the traffic manager tells no changes.
-    bool subscribe() {
+    void subscribe() {
         require_channels();
-        bool complete = ask(traffic_manager_, "subscribe", followed_paths(board_.paths()));
-        complete &= ask(traffic_manager_, "read", idle_paths(board_.paths()));
+        ask(traffic_manager_, "subscribe", followed_paths(board_.paths()));
+        ask(traffic_manager_, "read", idle_paths(board_.paths()));
+        read_attenuations(failures::reported);
         if (wss_edge_)
-            complete &= ask(*wss_edge_, "subscribe", attenuation_paths(board_.paths()));
-        return complete;
+            ask(*wss_edge_, "subscribe", each_path(board_.paths(), &channel_paths::commanded));
     }
 
     void follow(std::chrono::nanoseconds real_time) {
@@ -103,9 +107,13 @@ class channel_source {
                                        around_.interrupt);
         else
             handler_connection::follow({&traffic_manager_}, end, around_.interrupt);
+        read_attenuations(failures::shown);
     }
 
   private:
+    // A picture that is refreshed shows a failure by the missing value alone.
+    enum class failures { reported, shown };
+
     handler_connection::event_handler event_handler() {
         return [this](const json::value& event) { take_event(event); };
     }
@@ -131,16 +139,21 @@ class channel_source {
         });
     }
 
+    // The WSS handler tells of changes of what it is commanded, not of what stands then.
+    bool read_attenuations(failures wanted) {
+        return !wss_edge_ || ask(*wss_edge_, "read",
+                                 each_path(board_.paths(), &channel_paths::attenuation), wanted);
+    }
+
     bool ask(handler_connection& connection, const char* method,
-             const std::vector<std::string>& paths) {
+             const std::vector<std::string>& paths, failures wanted = failures::reported) {
         bool complete = true;
         call_with_paths(connection, method, paths, [&](std::size_t i, const json::value& entry) {
-            if (const json::value* value = found(entry, "value")) {
-                board_.take(paths[i], *value, now());
-            } else {
+            const json::value* value = found(entry, "value");
+            board_.take(paths[i], value != nullptr ? *value : no_value(), now());
+            complete &= value != nullptr;
+            if (value == nullptr && wanted == failures::reported)
                 report_failure(around_, paths[i], entry);
-                complete = false;
-            }
         });
         return complete;
     }
@@ -149,10 +162,9 @@ class channel_source {
         const json::value* path = json::find(event, "path");
         if (path == nullptr || !path->IsString())
             return;
-        static const json::value none;
         const json::value* value = json::find(event, "value");
-        board_.take({path->GetString(), path->GetStringLength()}, value != nullptr ? *value : none,
-                    now());
+        board_.take({path->GetString(), path->GetStringLength()},
+                    value != nullptr ? *value : no_value(), now());
     }
 
     const surroundings& around_;
@@ -219,7 +231,7 @@ int show_once(const arguments& given, const surroundings& around) {
 
 // Follows the channels until they have arrived, or the time is over.
 bool wait_for_channels(const arguments& given, channel_source& source, live_screen* screen) {
-    constexpr std::chrono::milliseconds unseen_interval{20};
+    constexpr std::chrono::milliseconds unseen_interval{100};
     const std::chrono::nanoseconds interval = screen ? span(given.interval) : unseen_interval;
     const program_time end = now() + span(given.time_limit);
     for (;;) {
