@@ -2,6 +2,8 @@
 // absolute paths. Included anywhere in a test program, it is in force before main.
 #pragma once
 
+#include "host.hpp"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,26 +14,41 @@
 namespace test {
 namespace detail {
 
-// Made once a program, and gone with it.
+// Made once a program, and gone with it. The variable is looked at once in the
+// life of a process, so it is taken out of the environment again: a child of a
+// test sees what that test puts there, and is known by the mark.
 class root_folder {
   public:
     root_folder() {
+        if (getenv(mark) != nullptr)
+            return;
         char name[] = "/tmp/vtXXXXXX";
         if (mkdtemp(name) == nullptr)
             throw std::runtime_error("no folder for the test");
         path_ = name;
+        setenv(mark, name, 1);
         setenv("VELT_ROOT", name, 1);
+        if (host::path("") != path_)
+            throw std::logic_error("the root was looked at before the test set it");
+        unsetenv("VELT_ROOT");
     }
     ~root_folder() {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        if (!path_.empty())
+            std::filesystem::remove_all(path_, ignored);
     }
     root_folder(const root_folder&) = delete;
     root_folder& operator=(const root_folder&) = delete;
 
-    const std::string& path() const { return path_; }
+    const std::string& path() const {
+        if (path_.empty())
+            throw std::logic_error("a child process has no root of its own");
+        return path_;
+    }
 
   private:
+    static constexpr const char* mark = "VELT_TEST_PROGRAM";
+
     std::string path_;
 };
 
