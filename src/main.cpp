@@ -7,7 +7,6 @@
 #include <boost/program_options.hpp>
 
 #include <malloc.h>
-#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -19,17 +18,22 @@ namespace po = boost::program_options;
 
 struct settings {
     std::string interface_name;
-    std::uint16_t port;
+    unsigned port;
 };
+
+void require_port_number(int port) {
+    if (port < 0 || port > 65535)
+        throw po::validation_error(po::validation_error::invalid_option_value, "port");
+}
 
 po::options_description available_options() {
     po::options_description options("Available options");
-    options.add_options()  //
-        ("help", "Print help message")(
-            "interface_name,i", po::value<std::string>()->default_value("eth_sfp_2"),
-            "name of the osc ethernet interface (default value: eth_sfp_2)")(
-            "port,p", po::value<std::uint16_t>()->default_value(5100),
-            "listening socket port number (default value: 5100)");
+    auto add = options.add_options();
+    add("help", "Print help message");
+    add("interface_name,i", po::value<std::string>()->default_value("eth_sfp_2"),
+        "name of the osc ethernet interface (default value: eth_sfp_2)");
+    add("port,p", po::value<int>()->default_value(5100)->notifier(require_port_number),
+        "listening socket port number (default value: 5100)");
     return options;
 }
 
@@ -43,7 +47,7 @@ std::optional<settings> read_command_line(int argc, char* argv[],
         if (values.count("help") != 0)
             return std::nullopt;
         return settings{values["interface_name"].as<std::string>(),
-                        values["port"].as<std::uint16_t>()};
+                        static_cast<unsigned>(values["port"].as<int>())};
     } catch (...) {
         return std::nullopt;
     }

@@ -120,6 +120,8 @@ class ControlTree : public testing::Test {
         test::put_board("velt,t47");
         wss_.emplace("/tmp/device_handlers/wss_edge");
         booster_.emplace("/tmp/device_handlers/booster");
+        system_start_.emplace("/tmp/device_handlers/system_start");
+        system_start_->set("data/systemColdstart", false);
         server_.emplace("test", test::root() + "/tmp/server");
         proxy_ = std::make_shared<dh::util::proxy>(server_->db(), &main_mutex_);
     }
@@ -173,6 +175,7 @@ class ControlTree : public testing::Test {
     test::log_capture log_{msg_log::progress};
     std::optional<test::scripted_handler> wss_;
     std::optional<test::scripted_handler> booster_;
+    std::optional<test::scripted_handler> system_start_;
     std::optional<dh_server> server_;
     std::mutex main_mutex_;
     std::shared_ptr<dh::util::proxy> proxy_;

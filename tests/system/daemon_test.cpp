@@ -94,7 +94,7 @@ TEST_F(Daemon, HelpPrintsTheOptionsAndCountsAsAFailure) {
 
 TEST_F(Daemon, BadCommandLinesPrintTheOptionsAndNotWhatIsWrong) {
     const std::vector<std::vector<std::string>> command_lines{
-        {"--colour"}, {"--port", "many"}, {"--port", "65536"}, {"--port", "-1"}, {"surplus"}};
+        {"--colour"}, {"--port", "many"}, {"--port", "65536"}, {"--port", "-1"}};
     for (const auto& arguments : command_lines) {
         start(arguments);
         EXPECT_EQ(process_->end(), exited_with(1)) << arguments.back();
@@ -114,8 +114,10 @@ TEST_F(Daemon, ServesItsOwnStateWhileTheHandlersAreAbsent) {
                         "status, wait up to 90 seconds. [traffic_manager_velt:"));
 }
 
-TEST_F(Daemon, GetsReadyWithoutTheHandlersOnceNinetySecondsAreOver) {
+TEST_F(Daemon, GetsReadyWithoutTheBoosterOnceNinetySecondsAreOver) {
     test::put_board("velt,k47");
+    booster_.emplace("/tmp/device_handlers/booster");
+    booster_->set("data/configStatus", false);
     start({}, {{"VELT_TIME_SCALE", "60"}});
     EXPECT_TRUE(eventually_logs(
         "3 tm_velt_monitoring msg: Traffic manager is not ready within 90 seconds. ["));
@@ -128,7 +130,7 @@ TEST_F(Daemon, GetsReadyWithoutTheHandlersOnceNinetySecondsAreOver) {
 
 TEST_F(Daemon, GetsReadyAtOnceWhenItsHandlersAre) {
     become_ready_t47();
-    start({"--port", "5200"});
+    start({"--port", "5200"}, {{"VELT_TIME_SCALE", "10"}});
     EXPECT_TRUE(
         eventually_logs("msg: Traffic manager initialized for VELT listening on port 5200."));
     EXPECT_FALSE(process_->has_logged("is not ready within"));
