@@ -194,12 +194,13 @@ std::string why_not_json(const std::string& text) {
 }  // namespace
 
 scenario parse_scenario(std::string_view text) {
-    json::document document;
-    if (!wire::parse(text, document))
+    wire::parser parser;
+    const json::value* const document = parser.parse(text);
+    if (document == nullptr)
         throw scenario_error(why_not_json(std::string(text)));
-    const entry top(document, "the file");
+    const entry top(*document, "the file");
     top.allow_members({"description", "actions"});
-    if (json::find(document, "description") != nullptr)
+    if (json::find(*document, "description") != nullptr)
         top.text("description");
     const json::value& actions = top.member("actions");
     if (!actions.IsArray())
