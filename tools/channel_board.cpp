@@ -100,8 +100,7 @@ channel_state channel_readings::state() const {
 std::optional<double> channel_readings::difference() const {
     if (!light.value_or(false) || !tx || !wanted)
         return std::nullopt;
-    // Both are floats; in double their difference may miss the edge of the band.
-    return static_cast<double>(static_cast<float>(*tx) - static_cast<float>(*wanted));
+    return *tx - *wanted;
 }
 
 channel_board::channel_board(std::vector<channel_paths> channels, program_time now)

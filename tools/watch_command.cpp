@@ -60,9 +60,8 @@ class watcher {
             else
                 subscribe();
             while (given_.tree || !subscribed_.empty())
-                handler_connection::follow({&connection_},
-                                           handler_connection::clock::now() + flush_interval,
-                                           around_.interrupt);
+                handler_connection::follow(
+                    {&connection_}, handler_connection::clock::now() + patience, around_.interrupt);
         } catch (const interruption&) {
             return status_;  // how a watch ends
         }
@@ -70,7 +69,8 @@ class watcher {
     }
 
   private:
-    static constexpr std::chrono::seconds flush_interval{1};
+    // How soon it is noticed that no subscription is left.
+    static constexpr std::chrono::milliseconds patience{100};
 
     void watch_tree() {
         connection_.call("watch", [this](json::writer& out) {
