@@ -7,8 +7,9 @@
 namespace tmctl {
 namespace {
 
-constexpr double largest_fine_step = 0.2;  // dB; fine-tuning goes by 0.1, the rest by 0.35 and more
-constexpr double fallback_idle = 15.0;     // dB, of port modes without a value of their own
+// In dB; fine-tuning goes by up to 0.2, what brings a channel to its band by 0.35 and more.
+constexpr double largest_fine_step = 0.3;
+constexpr double fallback_idle = 15.0;          // dB, of port modes without a value of their own
 constexpr double attenuation_tolerance = 0.05;  // dB, what the hardware may round
 
 struct named_state {
@@ -46,13 +47,12 @@ bool is_idle(const channel_readings& channel, const std::optional<double>& atten
 }
 
 void count_correction(channel_progress& progress, double step, program_time now) {
-    if (step > largest_fine_step) {
-        ++progress.coarse;
-        progress.fine = 0;
-    } else {
-        ++progress.fine;
-    }
+    ++progress.fine;
+    if (step > largest_fine_step)
+        progress.to_band += std::exchange(progress.fine, 0);
     progress.last_correction = now;
+    if (!progress.first_correction)
+        progress.first_correction = now;
 }
 
 void note_correction(channel_readings& channel, const channel_readings& before, program_time now) {
@@ -81,6 +81,12 @@ const char* name(channel_state state) {
 bool is_state_name(std::string_view text) {
     return std::ranges::any_of(named_states,
                                [text](const named_state& known) { return text == known.name; });
+}
+
+program_time channel_progress::way_to_band() const {
+    if (!first_correction || !band_entered)
+        return program_time::zero();
+    return std::max(*band_entered - *first_correction, program_time::zero());
 }
 
 channel_state channel_readings::state() const {

@@ -38,10 +38,16 @@ using program_time = std::chrono::nanoseconds;
 
 // The way of one channel since the board was made.
 struct channel_progress {
-    unsigned coarse = 0;  // corrections larger than a step of the fine-tuning
-    unsigned fine = 0;    // corrections since the last coarse one
+    // The regulation corrects a channel once in each of its cycles, so these
+    // count cycles too.
+    unsigned to_band = 0;  // corrections up to the last that was more than fine-tuning
+    unsigned fine = 0;     // corrections since
+    std::optional<program_time> first_correction;
     std::optional<program_time> last_correction;
     std::optional<program_time> band_entered;  // none while the channel is not in its band
+
+    // From the first correction to where the channel came into its band for good.
+    program_time way_to_band() const;
 };
 
 struct channel_readings {
@@ -77,8 +83,6 @@ class channel_board {
 
     // Whether the channel is fine, and was not corrected for that long.
     bool settled(const channel_readings&, program_time now, program_time quiet) const;
-
-    program_time start() const { return start_; }
 
   private:
     template <class T>

@@ -58,10 +58,6 @@ double seconds(program_time span) {
     return std::chrono::duration<double>(span).count();
 }
 
-program_time way_to_band(const channel_readings& channel, program_time start) {
-    return channel.progress.band_entered.value_or(start) - start;
-}
-
 std::string fine_steps(const std::vector<channel_readings>& channels) {
     const auto [fewest, most] = std::ranges::minmax(
         channels, {}, [](const channel_readings& channel) { return channel.progress.fine; });
@@ -96,26 +92,23 @@ std::vector<std::string> table(const std::vector<channel_readings>& channels) {
     return lines;
 }
 
-std::vector<std::string> summary(const std::vector<channel_readings>& channels,
-                                 program_time start) {
+std::vector<std::string> summary(const std::vector<channel_readings>& channels) {
     if (channels.empty())
         return {};
-    const auto& corrected = *std::ranges::max_element(
-        channels, {}, [](const channel_readings& channel) { return channel.progress.coarse; });
-    const auto& slowest = *std::ranges::max_element(
-        channels, {}, [start](const channel_readings& c) { return way_to_band(c, start); });
-    const auto& furthest =
-        *std::ranges::max_element(channels, {}, [](const channel_readings& channel) {
-            return std::abs(channel.difference().value_or(0.0));
-        });
+    const channel_readings& longest = *std::ranges::max_element(
+        channels, {}, [](const channel_readings& c) { return c.progress.to_band; });
+    const channel_readings& slowest = *std::ranges::max_element(
+        channels, {}, [](const channel_readings& c) { return c.progress.way_to_band(); });
+    const channel_readings& furthest = *std::ranges::max_element(
+        channels, {},
+        [](const channel_readings& c) { return std::abs(c.difference().value_or(0.0)); });
     return {
-        fmt::format("settled within {} dB      {} of {} channels", band, channels.size(),
-                    channels.size()),
-        fmt::format("last to reach its band     channel {}, after {:.1f} s", slowest.channel,
-                    seconds(way_to_band(slowest, start))),
-        fmt::format("most coarse corrections    {} (one a cycle), channel {}",
-                    corrected.progress.coarse, corrected.channel),
-        fmt::format("fine-tuning steps          {}", fine_steps(channels)),
+        fmt::format("channels settled           {} (within {} dB)", channels.size(), band),
+        fmt::format("most cycles to its band    {}, channel {}", longest.progress.to_band,
+                    longest.channel),
+        fmt::format("longest way to its band    {:.1f} s, channel {}",
+                    seconds(slowest.progress.way_to_band()), slowest.channel),
+        fmt::format("fine-tuning steps since    {}", fine_steps(channels)),
         fmt::format("largest difference left    {:+.2f} dB, channel {}",
                     furthest.difference().value_or(0.0), furthest.channel),
     };
@@ -134,8 +127,8 @@ std::string channel_json(const channel_readings& channel) {
     add(object, "port", channel.port, memory);
     json::add(object, "light", channel.light ? json::value(*channel.light) : json::value(), memory);
     json::add(object, "state", name(channel.state()), memory);
-    json::add(object, "coarseCorrections", channel.progress.coarse, memory);
-    json::add(object, "fineCorrections", channel.progress.fine, memory);
+    json::add(object, "cyclesToBand", channel.progress.to_band, memory);
+    json::add(object, "fineTuningSteps", channel.progress.fine, memory);
     return json_text(object);
 }
 

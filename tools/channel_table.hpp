@@ -18,7 +18,7 @@ std::string difference_bar(std::optional<double> difference);
 std::vector<std::string> table(const std::vector<channel_readings>&);
 
 // How the channels came to where they are; for channels that have settled.
-std::vector<std::string> summary(const std::vector<channel_readings>&, program_time start);
+std::vector<std::string> summary(const std::vector<channel_readings>&);
 
 // A channel as an object of one line.
 std::string channel_json(const channel_readings&);

@@ -203,9 +203,9 @@ void report_late_channels(const arguments& given, const surroundings& around,
     for (const channel_readings& channel : channels) {
         if (!has_arrived(given, board, channel))
             around.err << fmt::format(
-                "tmctl: channel {} is not {} after {} s: {}, {} coarse and {} fine corrections\n",
+                "tmctl: channel {} is not {} after {} s: {}, after {} corrections\n",
                 channel.channel, given.until, given.time_limit, name(channel.state()),
-                channel.progress.coarse, channel.progress.fine);
+                channel.progress.to_band + channel.progress.fine);
     }
 }
 
@@ -261,7 +261,7 @@ int show_until(const arguments& given, const surroundings& around) {
         return exit_status::failed;
     }
     if (given.until == "settled" && !given.json)
-        print(around, summary(awaited(given, source.board()), source.board().start()));
+        print(around, summary(awaited(given, source.board())));
     return exit_status::done;
 }
 

@@ -12,6 +12,16 @@ constexpr const char* show_cursor = "\x1b[?25h";
 constexpr const char* erase_rest_of_line = "\x1b[K";
 constexpr const char* erase_rest_of_screen = "\x1b[J";
 
+// The lines that there is room for, and how many there are besides.
+std::vector<std::string> fitted(std::vector<std::string> lines, std::size_t room) {
+    if (lines.size() <= room)
+        return lines;
+    const std::size_t hidden = lines.size() - room + 1;
+    lines.resize(room - 1);
+    lines.push_back("(" + std::to_string(hidden) + " more)");
+    return lines;
+}
+
 }  // namespace
 
 live_screen::live_screen(const surroundings& around) : around_(around) {
@@ -40,9 +50,10 @@ void live_screen::redraw(const std::vector<std::string>& lines) {
     const std::size_t room = std::max<std::size_t>(rows, 2) - 1;  // the cursor stands below
     if (drawn_ > 0)
         around_.out << "\r\x1b[" << std::min(drawn_, room) << 'A';
-    drawn_ = std::min(lines.size(), room);
-    for (std::size_t i = 0; i < drawn_; ++i)
-        around_.out << cut(lines[i], columns) << erase_rest_of_line << '\n';
+    const std::vector<std::string> picture = fitted(lines, room);
+    for (const std::string& line : picture)
+        around_.out << cut(line, columns) << erase_rest_of_line << '\n';
+    drawn_ = picture.size();
     around_.out << erase_rest_of_screen;
 }
 

@@ -423,9 +423,8 @@ TEST_F(TmctlChannels, UntilSettledWaitsAndSumsUp) {
     command_attenuation("10.9");
     tx_->set(4.25F);
     EXPECT_EQ(waiting.join(), exit_status::done) << waiting.err();
-    EXPECT_THAT(waiting.out(), HasSubstr("settled within 0.7 dB      1 of 1 channels\n"));
-    EXPECT_THAT(waiting.out(),
-                HasSubstr("most coarse corrections    1 (one a cycle), channel 5\n"));
+    EXPECT_THAT(waiting.out(), HasSubstr("channels settled           1 (within 0.7 dB)\n"));
+    EXPECT_THAT(waiting.out(), HasSubstr("most cycles to its band    1, channel 5\n"));
     EXPECT_THAT(waiting.out(), HasSubstr("largest difference left    +0.25 dB, channel 5\n"));
 }
 

@@ -142,21 +142,22 @@ TEST_F(TmctlChannelBoard, TheIdleAttenuationIsThatOfThePortMode) {
     EXPECT_EQ(channel().idle_attenuation, 15.0);
 }
 
-TEST_F(TmctlChannelBoard, CountsCoarseAndFineCorrections) {
+TEST_F(TmctlChannelBoard, CountsTheCorrectionsToTheBandAndTheFineTuningSince) {
     light_up();
     take("config/wss/channel/3/attenuation", "13.0");
     take("config/wss/channel/3/attenuation", "13.5");
-    take("config/wss/channel/3/attenuation", "13.4");
     take("config/wss/channel/3/attenuation", "13.3");
-    take("config/wss/channel/3/attenuation", "13.3");
-    EXPECT_EQ(channel().progress.coarse, 2U);
+    take("config/wss/channel/3/attenuation", "13.2");
+    take("config/wss/channel/3/attenuation", "13.2");
+    EXPECT_EQ(channel().progress.to_band, 2U);
     EXPECT_EQ(channel().progress.fine, 2U);
 }
 
-TEST_F(TmctlChannelBoard, AFurtherCoarseCorrectionBeginsTheFineTuningAnew) {
+TEST_F(TmctlChannelBoard, FineTuningThatDidNotHoldWasOnTheWay) {
     light_up();
     take("config/wss/channel/3/attenuation", "11.9");
     take("config/wss/channel/3/attenuation", "13.0");
+    EXPECT_EQ(channel().progress.to_band, 2U);
     EXPECT_EQ(channel().progress.fine, 0U);
 }
 
@@ -164,8 +165,27 @@ TEST_F(TmctlChannelBoard, ParkingAChannelIsNoCorrection) {
     light_up();
     take("config/wss/channel/3/attenuation", "6.0");
     take("config/wss/channel/3/attenuation", "12.0");
-    EXPECT_EQ(channel().progress.coarse, 1U);
+    EXPECT_EQ(channel().progress.to_band, 1U);
     EXPECT_EQ(channel().progress.fine, 0U);
+}
+
+TEST_F(TmctlChannelBoard, TheWayToTheBandBeginsWithTheFirstCorrection) {
+    light_up();
+    EXPECT_EQ(channel().progress.way_to_band(), seconds(0));
+    now_ += seconds(10);
+    take("config/wss/channel/3/attenuation", "13.9");
+    EXPECT_EQ(channel().progress.way_to_band(), seconds(0));
+    now_ += seconds(4);
+    take("control/data/3/txPower", "4.1");
+    EXPECT_EQ(channel().progress.way_to_band(), seconds(4));
+}
+
+TEST_F(TmctlChannelBoard, AChannelThatWasInItsBandAllAlongHadNoWay) {
+    light_up();
+    take("control/data/3/txPower", "4.1");
+    now_ += seconds(10);
+    take("config/wss/channel/3/attenuation", "12.1");
+    EXPECT_EQ(channel().progress.way_to_band(), seconds(0));
 }
 
 TEST_F(TmctlChannelBoard, IsSettledOnceInTheBandAndQuietForLongEnough) {

@@ -103,25 +103,31 @@ TEST(TmctlChannelTable, JsonOfWhatIsNotKnownIsNull) {
         EXPECT_TRUE(object[key].IsNull()) << key;
 }
 
-TEST(TmctlSummary, NamesTheSlowestTheMostCorrectedAndTheFurthest) {
+TEST(TmctlSummary, NamesTheLongestTheSlowestAndTheFurthest) {
     channel_readings quick = lit_channel();
-    quick.progress = {
-        .coarse = 2, .fine = 7, .last_correction = seconds(140), .band_entered = seconds(110)};
+    quick.progress = {.to_band = 5,
+                      .fine = 7,
+                      .first_correction = seconds(100),
+                      .last_correction = seconds(140),
+                      .band_entered = seconds(110)};
     channel_readings slow = lit_channel();
     slow.channel = 9;
     slow.tx = 3.7;
-    slow.progress = {
-        .coarse = 5, .fine = 6, .last_correction = seconds(140), .band_entered = seconds(125)};
-    EXPECT_THAT(tmctl::summary({quick, slow}, seconds(100)),
-                ElementsAre("settled within 0.7 dB      2 of 2 channels",
-                            "last to reach its band     channel 9, after 25.0 s",
-                            "most coarse corrections    5 (one a cycle), channel 9",
-                            "fine-tuning steps          6 to 7 a channel",
+    slow.progress = {.to_band = 4,
+                     .fine = 6,
+                     .first_correction = seconds(100),
+                     .last_correction = seconds(140),
+                     .band_entered = seconds(125)};
+    EXPECT_THAT(tmctl::summary({quick, slow}),
+                ElementsAre("channels settled           2 (within 0.7 dB)",
+                            "most cycles to its band    5, channel 7",
+                            "longest way to its band    25.0 s, channel 9",
+                            "fine-tuning steps since    6 to 7 a channel",
                             "largest difference left    -0.28 dB, channel 9"));
 }
 
 TEST(TmctlSummary, OfNoChannelIsEmpty) {
-    EXPECT_THAT(tmctl::summary({}, seconds(0)), testing::IsEmpty());
+    EXPECT_THAT(tmctl::summary({}), testing::IsEmpty());
 }
 
 class TmctlLiveScreen : public testing::Test {
@@ -147,11 +153,11 @@ TEST_F(TmctlLiveScreen, DrawsThePictureOverTheOneBefore) {
 }
 
 TEST_F(TmctlLiveScreen, ShowsNoMoreThanTheTerminalHasRoomFor) {
-    around_.terminal = [] { return tmctl::terminal_size{3, 4}; };
+    around_.terminal = [] { return tmctl::terminal_size{3, 8}; };
     tmctl::live_screen screen(around_);
     out_.str("");
-    screen.show({"abcdef", "b", "c", "d"});
-    EXPECT_EQ(out_.str(), "abcd\x1b[K\nb\x1b[K\n\x1b[J");
+    screen.show({"abcdefghi", "b", "c", "d"});
+    EXPECT_EQ(out_.str(), "abcdefgh\x1b[K\n(3 more)\x1b[K\n\x1b[J");
 }
 
 TEST_F(TmctlLiveScreen, WithoutATerminalThePicturesFollowEachOther) {
