@@ -195,8 +195,9 @@ void session::send_event(std::shared_ptr<const std::string> line) {
 
 void session::announce_end() {
     const std::lock_guard lock(subscriptions_mutex_);
-    for (const auto& [path, node] : subscriptions_) {
-        if (node.expired())
+    for (const auto& [path, weak_node] : subscriptions_) {
+        const auto node = weak_node.lock();
+        if (!node || node->was_removed())
             continue;
         dh_event event("ended", path);
         event.add("reason", reason_server_ends);
@@ -377,20 +378,21 @@ void session::watch(const request& asked) {
         fail(asked, wire::error_code::bad_params, "params must hold \"prefix\", a text");
         return;
     }
-    if (watched_prefixes_ >= max_watched_prefixes) {
+    const std::string watched(wire::without_leading_slash(text_of(*prefix)));
+    watched_prefixes_.insert(watched);
+    if (watched_prefixes_.size() > max_watched_prefixes) {
+        watched_prefixes_.erase(watched);
         fail(asked, wire::error_code::bad_params, "too many watched prefixes");
         return;
     }
-    ++watched_prefixes_;
     // The reply goes out before the tree can change again, and so before the
     // first event of the watch.
-    db_.watch(std::string(text_of(*prefix)), shared_from_this(),
-              [&](const std::vector<dh_db::entry>& nodes) {
-                  begin_reply(asked);
-                  write_nodes(nodes);
-                  end_reply(asked);
-                  send_finished_replies();
-              });
+    db_.watch(watched, shared_from_this(), [&](const std::vector<dh_db::entry>& nodes) {
+        begin_reply(asked);
+        write_nodes(nodes);
+        end_reply(asked);
+        send_finished_replies();
+    });
 }
 
 void session::unwatch(const request& asked) {
@@ -399,7 +401,9 @@ void session::unwatch(const request& asked) {
         fail(asked, wire::error_code::bad_params, "params must hold \"prefix\", a text");
         return;
     }
-    db_.unwatch(std::string(text_of(*prefix)), shared_from_this());
+    const std::string watched(wire::without_leading_slash(text_of(*prefix)));
+    watched_prefixes_.erase(watched);
+    db_.unwatch(watched, shared_from_this());
     json::writer& out = begin_reply(asked);
     out.StartObject();
     out.EndObject();
@@ -464,7 +468,7 @@ void session::fail(const request& asked, int code, std::string_view message) {
         return;
     reply_.Clear();
     wire::write_error_reply(reply_, asked.id, code, message);
-    finished_replies_.append(reply_.GetString(), reply_.GetSize());
+    keep_finished_reply();
     reply_.Clear();
 }
 
@@ -478,17 +482,20 @@ void session::finish_reply(const request& asked) {
         reply_.ShrinkToFit();
         return;
     }
-    const std::string_view line(reply_.GetString(), reply_.GetSize());
+    const std::size_t size = reply_.GetSize();
     if (finished_replies_.empty() && !lines_.has_line())
-        outbox_.push_reply(line);
+        outbox_.push_reply({reply_.GetString(), size});
     else
-        finished_replies_.append(line);
+        keep_finished_reply();
+    reply_.Clear();
+    if (size > receive_size)
+        reply_.ShrinkToFit();
+}
+
+void session::keep_finished_reply() {
+    finished_replies_.append(reply_.GetString(), reply_.GetSize());
     if (finished_replies_.size() > receive_size)
         send_finished_replies();
-    const bool keep_memory = line.size() <= receive_size;
-    reply_.Clear();
-    if (!keep_memory)
-        reply_.ShrinkToFit();
 }
 
 void session::send_finished_replies() {

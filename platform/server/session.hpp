@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 class session final : public dh_session, public std::enable_shared_from_this<session> {
@@ -74,6 +75,7 @@ class session final : public dh_session, public std::enable_shared_from_this<ses
 
     void fail(const request&, int code, std::string_view message);
     void finish_reply(const request&);
+    void keep_finished_reply();
     void send_finished_replies();
 
     const int socket_;
@@ -89,7 +91,7 @@ class session final : public dh_session, public std::enable_shared_from_this<ses
     json::writer out_;
     json::buffer reply_;            // of the request that is being executed
     std::string finished_replies_;  // of requests before it, not yet given to the outbox
-    std::size_t watched_prefixes_ = 0;
+    std::set<std::string> watched_prefixes_;
 
     std::mutex subscriptions_mutex_;
     std::map<std::string, std::weak_ptr<dh_db_leaf_node>, std::less<>> subscriptions_;
