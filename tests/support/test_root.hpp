@@ -4,6 +4,8 @@
 
 #include "host.hpp"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -34,7 +36,7 @@ class root_folder {
     }
     ~root_folder() {
         std::error_code ignored;
-        if (!path_.empty())
+        if (!path_.empty() && maker_ == getpid())
             std::filesystem::remove_all(path_, ignored);
     }
     root_folder(const root_folder&) = delete;
@@ -49,6 +51,7 @@ class root_folder {
   private:
     static constexpr const char* mark = "VELT_TEST_PROGRAM";
 
+    const pid_t maker_ = getpid();  // a forked child leaves the folder alone
     std::string path_;
 };
 
