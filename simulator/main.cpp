@@ -8,12 +8,11 @@
 
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <iostream>
-#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -80,7 +79,12 @@ int main(int argc, char** argv) {
     try {
         const auto described = describe(arguments);
         options::variables_map values;
-        options::store(options::parse_command_line(argc, argv, described), values);
+        const options::positional_options_description no_other_words;
+        options::store(options::command_line_parser(argc, argv)
+                           .options(described)
+                           .positional(no_other_words)
+                           .run(),
+                       values);
         options::notify(values);
         if (arguments.help) {
             std::cout << described;

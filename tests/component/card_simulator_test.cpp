@@ -5,10 +5,9 @@
 #include "device_handler_client.hpp"
 #include "eventually.hpp"
 #include "log_capture.hpp"
+#include "test_root.hpp"
 
 #include <gtest/gtest.h>
-
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -18,14 +17,9 @@
 
 namespace {
 
+using simulator::card_options;
 using simulator::t47_card;
 namespace fs = std::filesystem;
-
-std::string make_root() {
-    std::string name = (fs::temp_directory_path() / "card_XXXXXX").string();
-    EXPECT_NE(mkdtemp(name.data()), nullptr);
-    return name;
-}
 
 std::string content_of(const std::string& file) {
     std::ifstream in(file, std::ios::binary);
@@ -34,13 +28,13 @@ std::string content_of(const std::string& file) {
 
 class CardSimulator : public testing::Test {
   protected:
-    ~CardSimulator() override { fs::remove_all(root); }
-
-    std::string socket_of(const std::string& handler) const {
-        return root + "/tmp/device_handlers/" + handler;
+    CardSimulator() {
+        test::empty_root();
+        card = std::make_unique<t47_card>(card_options{.root = root, .actions = {}});
     }
-    std::shared_ptr<device_handler_client> client_of(const std::string& handler) const {
-        return device_handler_client::create(socket_of(handler), handler, {});
+
+    static std::shared_ptr<device_handler_client> client_of(const std::string& handler) {
+        return device_handler_client::create("/tmp/device_handlers/" + handler, handler, {});
     }
     static int code_of_write(device_handler_client& client, const std::string& path, double value) {
         try {
@@ -52,9 +46,8 @@ class CardSimulator : public testing::Test {
     }
 
     test::log_capture log;
-    const std::string root = make_root();
-    std::unique_ptr<t47_card> card =
-        std::make_unique<t47_card>(simulator::card_options{.root = root, .actions = {}});
+    const std::string root = test::root();
+    std::unique_ptr<t47_card> card;
 };
 
 TEST_F(CardSimulator, LaysTheBoardsFiles) {
@@ -77,7 +70,7 @@ TEST_F(CardSimulator, SecondCardUnderTheSameRootIsAnError) {
 
 TEST_F(CardSimulator, RemovesItsSocketsAtTheEnd) {
     for (const std::string handler : {"wss_edge", "booster", "system_info", "system_start", "sim"})
-        EXPECT_TRUE(fs::is_socket(socket_of(handler))) << handler;
+        EXPECT_TRUE(fs::is_socket(root + "/tmp/device_handlers/" + handler)) << handler;
     card.reset();
     EXPECT_TRUE(fs::is_empty(root + "/tmp/device_handlers"));
 }
@@ -229,7 +222,7 @@ TEST_F(CardSimulator, ControlValueIsDescribedAsReadAndWritten) {
 TEST_F(CardSimulator, SeedAndScenarioReachTheLight) {
     const float seeded = client_of("sim")->get<float>("sim/channel/1/launchPower");
     card.reset();
-    card = std::make_unique<t47_card>(simulator::card_options{
+    card = std::make_unique<t47_card>(card_options{
         root, 2, simulator::parse_scenario(R"({"actions":[{"time":0,"action":"cut_fibre"}]})")});
     EXPECT_NE(client_of("sim")->get<float>("sim/channel/1/launchPower"), seeded);
     EXPECT_FALSE(client_of("sim")->get<bool>("sim/fibreIntact"));
