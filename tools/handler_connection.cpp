@@ -232,10 +232,10 @@ bool handler_connection::take_reply(json::document& message) {
             fail("not connected: " + refusal.message);
         throw refusal;
     }
-    const auto result = message.IsObject() ? message.FindMember("result") : message.MemberEnd();
-    if (of_nothing || result == message.MemberEnd())
+    // What has an id is an object.
+    if (of_nothing || !message.HasMember("result"))
         fail("bad reply: without id or result");
-    json::value found(std::move(result->value));
+    json::value found(std::move(message["result"]));
     static_cast<json::value&>(message).Swap(found);
     reply_.Swap(message);
     return true;
