@@ -10,6 +10,7 @@
 #include "raw_client.hpp"
 #include "recording_session.hpp"
 #include "status_value.hpp"
+#include "test_root.hpp"
 #include "volatile_value.hpp"
 
 #include <gtest/gtest.h>
@@ -148,7 +149,8 @@ class wire_fixture : public testing::Test {
     }
 
     temporary_folder folder_;
-    const std::string path_ = folder_.path("/server");
+    const std::string host_path_ = "/server";  // as clients of the library name it
+    const std::string path_ = root() + host_path_;
     std::shared_ptr<wire_owner> owner_ = std::make_shared<wire_owner>();
     std::vector<std::shared_ptr<dh_db_leaf_node>> nodes_;
     std::unique_ptr<dh_server> server_;
