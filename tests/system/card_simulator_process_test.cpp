@@ -19,13 +19,15 @@ using testing::StartsWith;
 
 namespace {
 
+const std::string program = VELT_BIN_DIR "/card_simulator";
+
 class CardSimulatorProcess : public testing::Test {
   protected:
     CardSimulatorProcess() { test::empty_root(); }
 
-    void start(const std::vector<std::string>& arguments,
-               const test::process::environment& changes = {}) {
-        process_.emplace(VELT_BIN_DIR "/card_simulator", arguments, changes, test::root());
+    void start(const std::vector<std::string>& arguments, test::process::environment changes = {}) {
+        changes.emplace("VELT_ROOT", test::root());
+        process_.emplace(program, arguments, changes, test::root());
     }
 
     void expect_refusal(const std::vector<std::string>& arguments, const std::string& why) {
@@ -77,7 +79,7 @@ TEST_F(CardSimulatorProcess, ScenarioRunsInTheProgramsTime) {
 TEST_F(CardSimulatorProcess, SocketThatIsServedAlreadyIsAnErrorOfItsOwn) {
     start({"--card", "t47"});
     ASSERT_TRUE(eventually([&] { return is_served(); }));
-    test::process second(VELT_BIN_DIR "/card_simulator", {"--card", "t47"}, {}, test::root());
+    test::process second(program, {"--card", "t47"}, {{"VELT_ROOT", test::root()}}, test::root());
     EXPECT_EQ(second.end(), exited_with(1));
     EXPECT_THAT(second.standard_error(), StartsWith("card_simulator: "));
     EXPECT_FALSE(process_->has_ended());
