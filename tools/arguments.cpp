@@ -40,7 +40,7 @@ constexpr std::array command_forms{
     command_form{"history", 0, 1, ""},
     command_form{"version", 0, 0, ""},
     command_form{"channels", 0, any,
-                 " --live --interval --until --quiet --time-limit --wss-socket "},
+                 " --live --interval --until --quiet --time-limit --summary --wss-socket "},
 };
 
 const command_form& form_of(const std::string& command) {
@@ -144,6 +144,8 @@ class parser {
             found_.until = parse_until(value_of(word));
         else if (word == "--quiet")
             found_.quiet = parse_seconds(value_of(word));
+        else if (word == "--summary")
+            found_.summary_file = value_of(word);
         else if (word == "--time-limit")
             found_.time_limit = parse_seconds(value_of(word));
         else
@@ -278,6 +280,8 @@ options of channels
                                summary. Settled: within 0.7 dB, and no correction for long
   --quiet SECONDS              how long without a correction is settled (60)
   --time-limit SECONDS         gives up on --until with status 1 (3600)
+  --summary FILE               where the summary of --until settled goes instead of
+                               standard output
   --wss-socket PATH            the WSS handler's unix socket, for the attenuations
                                (/tmp/device_handlers/wss_edge)
 

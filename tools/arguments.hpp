@@ -30,6 +30,7 @@ struct arguments {
     std::string until;           // "settled" or a channel's state; empty: once, or for ever
     double quiet = 60.0;         // seconds without a correction that count as settled
     double time_limit = 3600.0;  // seconds that `until` may take
+    std::string summary_file;    // of `until settled`; empty for standard output
 };
 
 // Throws usage_error.

@@ -10,8 +10,10 @@
 #include "value_text.hpp"
 
 #include <fmt/format.h>
+#include <fstream>
 
 #include <algorithm>
+#include <fstream>
 #include <memory>
 #include <set>
 
@@ -209,15 +211,15 @@ void report_late_channels(const arguments& given, const surroundings& around,
     }
 }
 
-void print(const surroundings& around, const std::vector<std::string>& lines) {
+void print(std::ostream& out, const std::vector<std::string>& lines) {
     for (const std::string& line : lines)
-        around.out << line << '\n';
+        out << line << '\n';
 }
 
 void print_channels(const arguments& given, const surroundings& around,
                     const channel_board& board) {
     if (!given.json)
-        return print(around, table(board.channels()));
+        return print(around.out, table(board.channels()));
     for (const channel_readings& channel : board.channels())
         around.out << channel_json(channel) << '\n';
 }
@@ -245,6 +247,21 @@ bool wait_for_channels(const arguments& given, channel_source& source, live_scre
     }
 }
 
+int print_summary(const arguments& given, const surroundings& around, const channel_board& board) {
+    const std::vector<std::string> lines = summary(awaited(given, board));
+    if (given.summary_file.empty()) {
+        print(around.out, lines);
+        return exit_status::done;
+    }
+    std::ofstream file(given.summary_file);
+    print(file, lines);
+    file.close();
+    if (file)
+        return exit_status::done;
+    around.err << "tmctl: cannot write " << printable(given.summary_file) << '\n';
+    return exit_status::failed;
+}
+
 int show_until(const arguments& given, const surroundings& around) {
     channel_source source(given, around);
     source.subscribe();
@@ -261,7 +278,7 @@ int show_until(const arguments& given, const surroundings& around) {
         return exit_status::failed;
     }
     if (given.until == "settled" && !given.json)
-        print(around, summary(awaited(given, source.board())));
+        return print_summary(given, around, source.board());
     return exit_status::done;
 }
 

@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -426,6 +427,30 @@ TEST_F(TmctlChannels, UntilSettledWaitsAndSumsUp) {
     EXPECT_THAT(waiting.out(), HasSubstr("channels settled           1 (within 0.7 dB)\n"));
     EXPECT_THAT(waiting.out(), HasSubstr("most cycles to its band    1, channel 5\n"));
     EXPECT_THAT(waiting.out(), HasSubstr("largest difference left    +0.25 dB, channel 5\n"));
+}
+
+TEST_F(TmctlChannels, SummaryGoesToTheFileThatIsNamed) {
+    const std::string file =
+        (std::filesystem::temp_directory_path() / ("tmctl_summary_" + std::to_string(getpid())))
+            .string();
+    running_tool waiting(
+        channel_words({"--until", "settled", "--quiet", "0.01", "--summary", file}));
+    command_attenuation("11.0");
+    tx_->set(4.25F);
+    EXPECT_EQ(waiting.join(), exit_status::done) << waiting.err();
+    EXPECT_THAT(waiting.out(), Not(HasSubstr("channels settled")));
+    std::stringstream summary;
+    summary << std::ifstream(file).rdbuf();
+    EXPECT_THAT(summary.str(), HasSubstr("channels settled           1 (within 0.7 dB)\n"));
+    std::filesystem::remove(file);
+}
+
+TEST_F(TmctlChannels, SummaryThatCannotBeWrittenIsAFailure) {
+    running_tool waiting(channel_words(
+        {"--until", "settled", "--quiet", "0.01", "--summary", "/nonexistent/summary"}));
+    tx_->set(4.25F);
+    EXPECT_EQ(waiting.join(), exit_status::failed);
+    EXPECT_THAT(waiting.err(), HasSubstr("cannot write /nonexistent/summary"));
 }
 
 TEST_F(TmctlChannels, UntilAStateWaitsForIt) {
