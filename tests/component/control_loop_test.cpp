@@ -70,8 +70,8 @@ class ControlLoop : public testing::Test {
     // From the release of the poll thread until its first cycle, with the
     // program's time running freely.
     void run_to_first_cycle() {
-        time_.open();
         loop_->set_configDone(true);
+        time_.open();
         ASSERT_TRUE(eventually([this] { return log_.count(periodic_text) == 1; }));
     }
 

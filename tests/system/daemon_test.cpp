@@ -48,8 +48,12 @@ class Daemon : public testing::Test {
     Daemon() { test::empty_root(); }
 
     void start(const std::vector<std::string>& arguments = {},
-               const test::process::environment& changes = {}) {
-        process_.emplace(program, arguments, changes, test::root());
+               const std::string& time_scale = "1") {
+        process_.emplace(program, arguments, surroundings(time_scale), test::root());
+    }
+
+    static test::process::environment surroundings(const std::string& time_scale = "1") {
+        return {{"VELT_ROOT", test::root()}, {"VELT_TIME_SCALE", time_scale}};
     }
 
     // Handlers that let a T47 card start.
@@ -118,7 +122,7 @@ TEST_F(Daemon, GetsReadyWithoutTheBoosterOnceNinetySecondsAreOver) {
     test::put_board("velt,k47");
     booster_.emplace("/tmp/device_handlers/booster");
     booster_->set("data/configStatus", false);
-    start({}, {{"VELT_TIME_SCALE", "60"}});
+    start({}, "60");
     EXPECT_TRUE(eventually_logs(
         "3 tm_velt_monitoring msg: Traffic manager is not ready within 90 seconds. ["));
     EXPECT_TRUE(
@@ -130,7 +134,7 @@ TEST_F(Daemon, GetsReadyWithoutTheBoosterOnceNinetySecondsAreOver) {
 
 TEST_F(Daemon, GetsReadyAtOnceWhenItsHandlersAre) {
     become_ready_t47();
-    start({"--port", "5200"}, {{"VELT_TIME_SCALE", "10"}});
+    start({"--port", "5200"}, "10");
     EXPECT_TRUE(
         eventually_logs("msg: Traffic manager initialized for VELT listening on port 5200."));
     EXPECT_FALSE(process_->has_logged("is not ready within"));
@@ -165,7 +169,7 @@ TEST_F(Daemon, AmplifierCardNeedsNoWssEdgeAndHasNoControlLoop) {
 TEST_F(Daemon, WaitsForTheWssEdgeOfACardThatHasOne) {
     become_ready_t47();
     wss_->set("data/configStatus", false);
-    start({}, {{"VELT_TIME_SCALE", "60"}});
+    start({}, "60");
     EXPECT_TRUE(eventually_logs("msg: Traffic manager is not ready within 90 seconds."));
 }
 
@@ -226,7 +230,7 @@ TEST_F(Daemon, SecondOneOnTheSameSocketEndsAndSaysWhy) {
     start();
     const auto management = management_client();
     EXPECT_FALSE(management->get<bool>("data/configStatus"));
-    test::process second(program, {}, {}, test::root());
+    test::process second(program, {}, surroundings(), test::root());
     EXPECT_EQ(second.end(), test::ended_by_signal(SIGABRT));
     EXPECT_THAT(second.standard_error(), HasSubstr("3 tm_velt_init msg: "));
     EXPECT_THAT(second.standard_error(), HasSubstr("/tmp/device_managers/traffic_manager"));
@@ -244,7 +248,7 @@ TEST_F(Daemon, SettingThatCannotBeAppliedAtTheStartEndsTheProcessAndIsNamed) {
 TEST_F(Daemon, StartStateThatCannotBeReadEndsTheProcessAndIsNamed) {
     become_ready_t47();
     test::scripted_handler system_start("/tmp/device_handlers/system_start");
-    start({}, {{"VELT_TIME_SCALE", "20"}});
+    start({}, "20");
     ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
     management_client()->set<void>("control/config/dhReady", true);
     EXPECT_EQ(process_->end(), test::ended_by_signal(SIGABRT));
@@ -268,7 +272,7 @@ TEST_F(Daemon, RegulatesOnceTheManagementIsReady) {
     booster_->set("data/enable", true);
     test::scripted_handler system_start("/tmp/device_handlers/system_start");
     system_start.set("data/systemColdstart", true);
-    start({}, {{"VELT_TIME_SCALE", "50"}});
+    start({}, "50");
     ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
     EXPECT_FALSE(host::exists("/tmp/control_warmstart.lock"));
     management_client()->set<void>("control/config/dhReady", true);
