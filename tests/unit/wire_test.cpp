@@ -1,6 +1,7 @@
 #include "wire.hpp"
 #include "node_access.hpp"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -65,19 +66,19 @@ TEST_F(LineSplitter, PassesOverLinesOfBlanks) {
 }
 
 TEST_F(LineSplitter, TakesALineOfExactlyTheLimit) {
-    feed(std::string(15, 'a') + "\n");
+    feed(fmt::format("{:a>15}\n", ""));
     EXPECT_EQ(lines(), strings{std::string(15, 'a')});
     EXPECT_FALSE(splitter_.too_long());
 }
 
 TEST_F(LineSplitter, RefusesALineOfOneByteMore) {
-    feed(std::string(16, 'a') + "\n");
+    feed(fmt::format("{:a>16}\n", ""));
     EXPECT_EQ(lines(), strings{});
     EXPECT_TRUE(splitter_.too_long());
 }
 
 TEST_F(LineSplitter, CountsTheCarriageReturn) {
-    feed(std::string(15, 'a') + "\r\n");
+    feed(fmt::format("{:a>15}\r\n", ""));
     EXPECT_EQ(lines(), strings{});
     EXPECT_TRUE(splitter_.too_long());
 }
