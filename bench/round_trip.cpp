@@ -42,6 +42,7 @@ void read_three(device_handler_client& client) {
 
 void read_outstanding(device_handler_client& client) {
     std::vector<std::future<float>> values;
+    values.reserve(outstanding);
     for (std::size_t i = 0; i < outstanding; ++i) {
         device_handler_read_request one;
         values.push_back(one.add<float>(std::string_view(path)));

@@ -49,9 +49,6 @@ class line_splitter {
     // allowed. There is no way on from there.
     bool too_long() const { return too_long_; }
 
-    // Whether another whole line is waiting.
-    bool has_line() const;
-
   private:
     std::string data_;
     std::size_t begin_ = 0;    // first byte not yet given out
@@ -113,7 +110,8 @@ void write_entry_error(json::writer&, int code, std::string_view message);
 template <class WriteParams>
 void write_request(json::buffer& line, std::uint64_t id, const char* method,
                    const WriteParams& write_params) {
-    json::writer out(line);
+    thread_local json::writer out;  // keeps its memory
+    out.Reset(line);
     out.StartObject();
     out.Key("jsonrpc");
     out.String("2.0");

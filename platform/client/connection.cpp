@@ -58,6 +58,10 @@ bool is_error_value(const json::value& v) {
     return code != nullptr && code->IsInt() && message != nullptr && message->IsString();
 }
 
+bool nothing_came(ssize_t received) {
+    return received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+}
+
 // A server that has too many sessions says so, and closes.
 bool is_sent_away(const json::value& first_line) {
     const json::value* error = json::find(first_line, "error");
@@ -238,16 +242,19 @@ void connection::give_up_reading_role(link& open) {
 }
 
 void connection::read_once(const std::shared_ptr<link>& open, milliseconds patience) {
-    if (patience > milliseconds::zero()) {
+    char* const room = open->lines.room(receive_size);
+    const auto receive = [&] {
+        return ::recv(open->socket, room, open->lines.room_size(), MSG_DONTWAIT);
+    };
+    ssize_t got = receive();
+    if (nothing_came(got) && patience > milliseconds::zero()) {
         // A thread that sleeps in recv is also woken when the other side takes
         // what was sent to it; one that sleeps in poll is not.
         pollfd readable{open->socket, POLLIN, 0};
-        if (::poll(&readable, 1, static_cast<int>(patience.count())) <= 0)
-            return;
+        if (::poll(&readable, 1, static_cast<int>(patience.count())) > 0)
+            got = receive();
     }
-    char* const room = open->lines.room(receive_size);
-    const ssize_t got = ::recv(open->socket, room, open->lines.room_size(), MSG_DONTWAIT);
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+    if (nothing_came(got))
         return;
     if (got <= 0) {
         break_link(open, dh_client_code::connection_lost, "connection lost");

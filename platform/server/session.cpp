@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <exception>
+#include <utility>
 
 namespace {
 
@@ -75,6 +76,7 @@ session::~session() {
 void session::run() {
     while (receive())
         execute_received_lines();
+    send_finished_replies();
     if (lines_.too_long())
         refuse_long_line();
     end();
@@ -85,10 +87,6 @@ bool session::receive() {
         return false;
     char* const room = lines_.room(receive_size);
     for (;;) {
-        // A thread that sleeps in recv is also woken when the client takes what
-        // was sent to it; one that sleeps in poll is not.
-        pollfd readable{socket_, POLLIN, 0};
-        ::poll(&readable, 1, -1);
         const ssize_t result = ::recv(socket_, room, lines_.room_size(), MSG_DONTWAIT);
         if (result > 0) {
             lines_.filled(static_cast<std::size_t>(result));
@@ -96,6 +94,12 @@ bool session::receive() {
         }
         if (result == 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK))
             return false;
+        send_finished_replies();
+        client_is_awake_ = false;
+        // A thread that sleeps in recv is also woken when the client takes what
+        // was sent to it; one that sleeps in poll is not.
+        pollfd readable{socket_, POLLIN, 0};
+        ::poll(&readable, 1, -1);
     }
 }
 
@@ -106,7 +110,6 @@ void session::execute_received_lines() {
             return;
         execute_line(*line);
     }
-    send_finished_replies();
 }
 
 void session::execute_line(std::string_view line) {
@@ -482,19 +485,18 @@ void session::finish_reply(const request& asked) {
         reply_.ShrinkToFit();
         return;
     }
-    const std::size_t size = reply_.GetSize();
-    if (finished_replies_.empty() && !lines_.has_line())
-        outbox_.push_reply({reply_.GetString(), size});
-    else
-        keep_finished_reply();
+    const bool is_long = reply_.GetSize() > receive_size;
+    keep_finished_reply();
     reply_.Clear();
-    if (size > receive_size)
+    if (is_long)
         reply_.ShrinkToFit();
 }
 
 void session::keep_finished_reply() {
     finished_replies_.append(reply_.GetString(), reply_.GetSize());
-    if (finished_replies_.size() > receive_size)
+    // Of requests that came together the first reply wakes the client, and the
+    // others are there when it looks.
+    if (!std::exchange(client_is_awake_, true) || finished_replies_.size() > receive_size)
         send_finished_replies();
 }
 

@@ -91,6 +91,7 @@ class session final : public dh_session, public std::enable_shared_from_this<ses
     json::writer out_;
     json::buffer reply_;            // of the request that is being executed
     std::string finished_replies_;  // of requests before it, not yet given to the outbox
+    bool client_is_awake_ = false;  // has had a reply since this session slept
     std::set<std::string> watched_prefixes_;
 
     std::mutex subscriptions_mutex_;

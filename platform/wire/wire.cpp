@@ -171,10 +171,6 @@ std::optional<std::string_view> line_splitter::next() {
     return std::nullopt;
 }
 
-bool line_splitter::has_line() const {
-    return std::memchr(data_.data() + scanned_, '\n', end_ - scanned_) != nullptr;
-}
-
 parser::parser() : document_(&pool_, 1024, &stack_allocator_), reader_(&stack_allocator_) {}
 
 const json::value* parser::parse(std::string_view line) {
