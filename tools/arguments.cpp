@@ -2,6 +2,7 @@
 
 #include "channel_board.hpp"
 #include "host.hpp"
+#include "json.hpp"
 #include "value_text.hpp"
 
 #include <arpa/inet.h>
@@ -91,7 +92,7 @@ class parser {
     arguments parse() {
         while (next_ < words_.size()) {
             const std::string& word = words_[next_++];
-            if (!is_utf8(word))
+            if (!json::is_utf8(word))
                 throw usage_error{"the command line holds text that is not UTF-8"};
             if (!only_operands_ && word == "--")
                 only_operands_ = true;
@@ -153,7 +154,7 @@ class parser {
     }
 
     const std::string& value_of(const std::string& option) {
-        if (next_ == words_.size() || !is_utf8(words_[next_]))
+        if (next_ == words_.size() || !json::is_utf8(words_[next_]))
             throw usage_error{option + " needs a value"};
         return words_[next_++];
     }

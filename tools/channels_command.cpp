@@ -95,11 +95,11 @@ class channel_source {
     // the idle attenuations, of which the traffic manager tells no changes.
     void subscribe() {
         require_channels();
-        ask(traffic_manager_, "subscribe", followed_paths(board_.paths()));
+        subscribe_to(traffic_manager_, followed_paths(board_.paths()));
         ask(traffic_manager_, "read", idle_paths(board_.paths()));
         read_attenuations(failures::reported);
         if (wss_edge_)
-            ask(*wss_edge_, "subscribe", each_path(board_.paths(), &channel_paths::commanded));
+            subscribe_to(*wss_edge_, each_path(board_.paths(), &channel_paths::commanded));
     }
 
     void follow(std::chrono::nanoseconds real_time) {
@@ -145,6 +145,16 @@ class channel_source {
     bool read_attenuations(failures wanted) {
         return !wss_edge_ || ask(*wss_edge_, "read",
                                  each_path(board_.paths(), &channel_paths::attenuation), wanted);
+    }
+
+    // The values come as events, the first of them too: a reply may be overtaken
+    // by the event of a newer value.
+    void subscribe_to(handler_connection& connection, const std::vector<std::string>& paths) {
+        call_with_paths(connection, "subscribe", paths,
+                        [&](std::size_t i, const json::value& entry) {
+                            if (found(entry, "value") == nullptr)
+                                report_failure(around_, paths[i], entry);
+                        });
     }
 
     bool ask(handler_connection& connection, const char* method,

@@ -1,7 +1,5 @@
 #include "value_text.hpp"
 
-#include "wire.hpp"
-
 #include <fmt/format.h>
 
 #include <cmath>
@@ -98,14 +96,6 @@ std::string padded(std::string text, std::size_t columns) {
 
 std::string cell(std::string_view text, std::size_t columns) {
     return padded(cut(text, columns), columns);
-}
-
-bool is_utf8(std::string_view text) {
-    json::buffer line;
-    json::writer out(line);
-    out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-    json::document parsed;
-    return wire::parse({line.GetString(), line.GetSize()}, parsed);
 }
 
 }  // namespace tmctl

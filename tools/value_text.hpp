@@ -35,6 +35,4 @@ std::string padded(std::string text, std::size_t columns);
 
 std::size_t width(std::string_view text);
 
-bool is_utf8(std::string_view text);
-
 }  // namespace tmctl

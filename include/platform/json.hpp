@@ -64,8 +64,15 @@ double to<double>(const value&);
 template <>
 std::string to<std::string>(const value&);
 
+// Whether the text is well-formed UTF-8.
+bool is_utf8(std::string_view text);
+
+// The text with each byte that is not part of well-formed UTF-8 replaced by
+// U+FFFD: one bad text from a file must not spoil a whole line for its readers.
+std::string as_utf8(std::string_view text);
+
 // A program value as JSON. A float is widened to the double of the same value.
-// NaN and infinities, which never travel, become null.
+// NaN and infinities, which never travel, become null; a text goes as_utf8.
 value from(bool, allocator&);
 value from(int, allocator&);
 value from(unsigned int, allocator&);

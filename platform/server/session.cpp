@@ -4,7 +4,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
@@ -18,8 +17,8 @@ constexpr std::size_t receive_size = std::size_t{16} << 10;
 constexpr std::size_t max_watched_prefixes = 1024;
 // How long a client may take nothing of what it asked for.
 constexpr std::chrono::milliseconds client_patience{10'000};
-// What a client that is sent away may still have under way.
-constexpr std::size_t max_drained_bytes = std::size_t{32} << 20;
+// How long a client that is sent away may take to end what it was sending.
+constexpr std::chrono::milliseconds drain_patience{2'000};
 constexpr int reason_server_ends = 2;
 
 constexpr const char* value_key = "value";
@@ -161,14 +160,12 @@ void session::refuse_long_line() {
         return;
     // A socket that is closed over unread bytes may take the answer with it.
     ::shutdown(socket_, SHUT_WR);
-    const timeval patience{1, 0};
-    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     std::array<char, receive_size> ignored{};
-    for (std::size_t drained = 0; drained < max_drained_bytes;) {
-        const ssize_t result = ::recv(socket_, ignored.data(), ignored.size(), 0);
-        if (result <= 0)
-            break;
-        drained += static_cast<std::size_t>(result);
+    const auto end = std::chrono::steady_clock::now() + drain_patience;
+    pollfd readable{socket_, POLLIN, 0};
+    while (std::chrono::steady_clock::now() < end &&
+           ::poll(&readable, 1, static_cast<int>(drain_patience.count())) > 0 &&
+           ::recv(socket_, ignored.data(), ignored.size(), MSG_DONTWAIT) > 0) {
     }
 }
 

@@ -8,6 +8,28 @@ namespace {
 
 constexpr std::size_t text_stack = 256;
 
+// The length of the well-formed character at the beginning of the text, 0 where
+// there is none.
+std::size_t character_length(std::string_view text) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char first = byte(0);
+    if (first < 0x80)
+        return 1;
+    const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+    if (first < 0xc2 || first > 0xf4 || text.size() < length)
+        return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xc0U) != 0x80)
+            return 0;
+    }
+    // Not the shortest form, half of a surrogate pair, or past the last character.
+    const unsigned char second = byte(1);
+    const bool is_out_of_range =
+        (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) ||
+        (first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f);
+    return is_out_of_range ? 0 : length;
+}
+
 value text_value(std::string_view text, allocator& memory) {
     return value(text.data(), static_cast<rapidjson::SizeType>(text.size()), memory);
 }
@@ -96,6 +118,29 @@ std::string to<std::string>(const value& v) {
     return to_text(v);
 }
 
+bool is_utf8(std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t length = character_length(text);
+        if (length == 0)
+            return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string as_utf8(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t length = character_length(text);
+        if (length == 0)
+            result += "\xef\xbf\xbd";
+        else
+            result += text.substr(0, length);
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return result;
+}
+
 value from(bool v, allocator&) {
     return value(v);
 }
@@ -121,7 +166,7 @@ value from(double v, allocator&) {
 }
 
 value from(std::string_view v, allocator& memory) {
-    return text_value(v, memory);
+    return is_utf8(v) ? text_value(v, memory) : text_value(as_utf8(v), memory);
 }
 
 void add(value& object, std::string_view key, value member, allocator& memory) {

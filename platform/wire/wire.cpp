@@ -116,7 +116,8 @@ void write_error(json::writer& out, int code, std::string_view message) {
     out.Key("code");
     out.Int(code);
     out.Key("message");
-    out.String(message.data(), static_cast<rapidjson::SizeType>(message.size()));
+    const std::string text = json::as_utf8(message);
+    out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
     out.EndObject();
 }
 

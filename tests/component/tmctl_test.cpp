@@ -9,6 +9,7 @@
 #include "device_handler_api.hpp"
 #include "eventually.hpp"
 #include "host.hpp"
+#include "line_server.hpp"
 #include "status_value.hpp"
 #include "wire.hpp"
 
@@ -637,6 +638,40 @@ TEST_F(TmctlWithHostileServer, EventsThatNobodyAskedForArePassedOver) {
             "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":[{\"value\":\"\\u001bc\"}]}\n");
     EXPECT_EQ(got.status, exit_status::done);
     EXPECT_EQ(got.out, "a  \\u001bc\n");
+}
+
+// What a channel's path holds, once the channel has settled.
+std::string settled_value(std::string_view path) {
+    if (path.ends_with("/opticalControlMode"))
+        return "\"power\"";
+    if (path.ends_with("/portMode"))
+        return "\"edfa\"";
+    return path.ends_with("/severity") ? "0" : "4.0";
+}
+
+TEST(TmctlEvents, AnEventThatOvertookTheReplyOfItsSubscribeIsTheNewerValue) {
+    const scratch_folder folder;
+    const std::string socket = folder.socket("server");
+    const test::line_server server(socket, [](const test::line_server::request& asked) {
+        json::document params;
+        wire::parse(asked.params, params);
+        std::string events;
+        std::string old_values;
+        for (const json::value& path : params["paths"].GetArray()) {
+            const std::string_view text(path.GetString(), path.GetStringLength());
+            const std::string value = settled_value(text);
+            events += R"({"jsonrpc":"2.0","method":"event","params":{"event":"value","path":")" +
+                      std::string(text) + R"(","time":1,"value":)" + value + "}}\n";
+            old_values += (old_values.empty() ? R"({"value":)" : R"(,{"value":)") +
+                          (asked.method == "subscribe" ? "0.5" : value) + "}";
+        }
+        const std::string reply = test::line_server::reply(asked, "[" + old_values + "]");
+        return asked.method == "subscribe" ? events + reply : reply;
+    });
+    const outcome shown =
+        run({"--socket", socket, "channels", "5", "--wss-socket", folder.socket("none"), "--until",
+             "settled", "--quiet", "0.01", "--time-limit", "20"});
+    EXPECT_EQ(shown.status, exit_status::done) << shown.err;
 }
 
 TEST_F(TmctlWithHostileServer, WatchStandsEventsOfTheWrongForm) {

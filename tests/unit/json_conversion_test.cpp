@@ -180,4 +180,22 @@ TEST(JsonFind, GivesTheMemberOrNull) {
     EXPECT_EQ(json::find(parsed("[1]"), "a"), nullptr);
 }
 
+TEST(Utf8, TakesEveryLengthOfCharacterAndTheLastOne) {
+    EXPECT_TRUE(json::is_utf8(""));
+    EXPECT_TRUE(json::is_utf8("a\xc3\xa5\xe2\x82\xac\xf0\x9f\x98\x80"));
+    EXPECT_TRUE(json::is_utf8("\xf4\x8f\xbf\xbf"));
+}
+
+TEST(Utf8, RefusesWhatIsNoCharacter) {
+    for (const char* text : {"\x80", "\xc3", "\xc0\x80", "\xe0\x9f\xbf", "\xed\xa0\x80",
+                             "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xff", "a\xc3(b"})
+        EXPECT_FALSE(json::is_utf8(text)) << text;
+}
+
+TEST(Utf8, BadBytesOfATextBecomeTheReplacementCharacter) {
+    EXPECT_EQ(json::as_utf8("a\xff\xc3\xa5\x80z"), "a\xef\xbf\xbd\xc3\xa5\xef\xbf\xbdz");
+    json::scratch memory;
+    EXPECT_EQ(json::to_text(json::from(std::string("\xff"), memory)), "\"\xef\xbf\xbd\"");
+}
+
 }  // namespace
