@@ -4,6 +4,7 @@
 
 #include <sys/un.h>
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -114,6 +115,28 @@ double resident_mib(pid_t pid) {
     return -1;
 }
 
+// Reads and throws away what comes until the daemon ends.
+void read_to_the_end(int socket) {
+    std::array<char, 65536> data;
+    while (::recv(socket, data.data(), data.size(), 0) > 0) {
+    }
+    ::close(socket);
+}
+
+void measure_memory(const program& daemon, const std::string& daemon_socket,
+                    std::vector<std::thread>& readers) {
+    for (int session = 0; session < sessions; ++session) {
+        const int socket = await_socket(daemon_socket);
+        await_path(socket, "control/config/dhReady");
+        subscribe_to_all(socket);
+        readers.emplace_back([socket] { read_to_the_end(socket); });
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    std::printf("resident with %d sessions, MiB            %8.1f  at most %.0f\n", sessions,
+                resident_mib(daemon.pid()), memory_limit_mib);
+    std::fflush(stdout);
+}
+
 }  // namespace
 
 int main() {
@@ -141,20 +164,12 @@ int main() {
     std::printf("exec to the whole tree, median ms         %8.1f  at most %.0f\n",
                 whole_trees[starts / 2], ready_limit_ms);
 
-    const program daemon(VELT_BIN_DIR "/traffic_manager", {});
     std::vector<std::thread> readers;
-    for (int session = 0; session < sessions; ++session) {
-        const int socket = await_socket(daemon_socket);
-        await_path(socket, "control/config/dhReady");
-        subscribe_to_all(socket);
-        std::thread([socket] {
-            for (;;)
-                bench::read_lines(socket);
-        }).detach();
+    {
+        const program daemon(VELT_BIN_DIR "/traffic_manager", {});
+        measure_memory(daemon, daemon_socket, readers);
     }
-    std::this_thread::sleep_for(std::chrono::seconds(5));
-    std::printf("resident with %d sessions, MiB            %8.1f  at most %.0f\n", sessions,
-                resident_mib(daemon.pid()), memory_limit_mib);
-    std::fflush(stdout);
+    for (std::thread& reader : readers)
+        reader.join();
     return 0;
 }
