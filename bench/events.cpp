@@ -171,6 +171,7 @@ int connected_socket(const std::string& path) {
 // Reads and throws away what comes on all the sockets.
 void drain(const std::vector<int>& sockets) {
     std::vector<std::thread> readers;
+    readers.reserve(sockets.size());
     for (const int socket : sockets)
         readers.emplace_back([socket] {
             for (;;)

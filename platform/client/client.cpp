@@ -221,7 +221,7 @@ std::shared_ptr<device_handler_client> device_handler_client::create(
     std::weak_ptr<device_handler_connection_subscriber> subscriber) {
     const std::string path = host::path(unix_path);
     endpoint where{path, [path] { return open_unix_socket(path); }};
-    const std::shared_ptr<device_handler_client> client(
+    std::shared_ptr<device_handler_client> client(
         new device_handler_client(std::move(where), std::move(name), std::move(subscriber)));
     client->start();
     return client;
@@ -234,7 +234,7 @@ std::shared_ptr<device_handler_ipv6_client> device_handler_ipv6_client::create(
     endpoint where{"[" + address + "]:" + std::to_string(port), [address, interface, port] {
                        return open_ipv6_socket(address, interface, port);
                    }};
-    const std::shared_ptr<device_handler_ipv6_client> client(
+    std::shared_ptr<device_handler_ipv6_client> client(
         new device_handler_ipv6_client(std::move(where), std::move(name), std::move(subscriber)));
     client->start();
     client->require_connected(ipv6_connect_limit);

@@ -24,7 +24,7 @@ class device_handler_api::termination {
             const std::lock_guard lock(mutex_);
             abandoned_ = true;
         }
-        pthread_kill(thread_.native_handle(), SIGTERM);
+        pthread_kill(thread_.native_handle(), SIGINT);
         thread_.join();
     }
 
