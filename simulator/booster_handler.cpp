@@ -66,8 +66,7 @@ std::shared_ptr<enable_value> publish_state(dh_db& db, dh::api::value_group& gro
 
 handler_plan booster_handler(std::shared_ptr<light_path> light) {
     const auto publish = [light = std::move(light)](dh_db& db, dh::api::value_group& group) {
-        const auto settings =
-            std::make_shared<booster_settings>(light, publish_state(db, group, light));
+        auto settings = std::make_shared<booster_settings>(light, publish_state(db, group, light));
         config_param<&booster_settings::set_enable>::create(db, "config/enable", settings);
         const auto gain =
             config_param<&light_path::set_booster_gain>::create(db, "config/gain", light);

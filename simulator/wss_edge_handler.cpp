@@ -73,7 +73,7 @@ void publish_settings(dh_db& db, const std::shared_ptr<wss_edge_settings>& setti
 handler_plan wss_edge_handler(std::vector<wss_port> ports, std::string receive_monitor) {
     const auto publish = [ports = std::move(ports), receive_monitor = std::move(receive_monitor)](
                              dh_db& db, dh::api::value_group&) {
-        const auto settings = std::make_shared<wss_edge_settings>();
+        auto settings = std::make_shared<wss_edge_settings>();
         for (const wss_port& port : ports)
             publish_port(db, port);
         if (!receive_monitor.empty())

@@ -75,7 +75,8 @@ std::string difference_bar(std::optional<double> difference) {
     const int sign = *difference < 0.0 ? -1 : 1;
     const int reached = reach(std::abs(*difference));
     const auto at = [&bar, sign](int columns) -> char& {
-        return bar[static_cast<std::size_t>(bar_end + sign * columns)];
+        const int column = bar_end + sign * columns;
+        return bar[static_cast<std::size_t>(column)];
     };
     for (int i = 1; i <= reached; ++i)
         at(i) = '#';

@@ -64,6 +64,7 @@ std::vector<std::string> idle_paths(const std::vector<channel_paths>& channels) 
 std::vector<std::string> each_path(const std::vector<channel_paths>& channels,
                                    std::string channel_paths::*which) {
     std::vector<std::string> paths;
+    paths.reserve(channels.size());
     for (const channel_paths& channel : channels)
         paths.push_back(channel.*which);
     return paths;

@@ -29,6 +29,8 @@ class polled_volatile_value_impl : public async_volatile_value<value_event_node,
     std::string get_info() const override { return "polled volatile value (read, subscribe)"; }
 
     json::value get_info(json::allocator& memory) const override {
+        // Not that of a volatile value, which it replaces.
+        // NOLINTNEXTLINE(bugprone-parent-virtual-call)
         json::value info = value_event_node::get_info(memory);
         json::add(info, "type", "polled volatile value", memory);
         json::add(info, "valueType", type_name<value_type>(), memory);

@@ -46,7 +46,7 @@ class msg_log {
 
   private:
     msg_log();
-    ~msg_log();
+    ~msg_log() = default;
 };
 
 namespace msg_log_slg {

@@ -198,8 +198,6 @@ msg_log::msg_log() {
     msg_log_slg::construct_logger();
 }
 
-msg_log::~msg_log() = default;
-
 msg_log& msg_log::instance() {
     static auto* const log = new msg_log;
     return *log;
