@@ -4,6 +4,7 @@
 #include "Regulation_loop.hpp"
 #include "support/measure.hpp"
 #include "support/processes.hpp"
+#include "support/served_values.hpp"
 
 #include <cstdlib>
 #include <memory>
@@ -19,28 +20,22 @@ constexpr float monitor_to_booster = 20.2F;  // what a board without calibration
 constexpr std::size_t settling_passes = 20;
 constexpr std::size_t rounds = 100;
 
-using nodes = std::vector<std::shared_ptr<dh_db_leaf_node>>;
-
-template <class T>
-void serve_value(nodes& kept, dh_db& db, const std::string& path, T value) {
-    kept.push_back(dh::api::status_value<T>::create(db, path, std::move(value), 0));
-}
-
 void serve_handlers(const std::string& folder) {
-    nodes kept;
+    bench::nodes kept;
     dh_server booster("booster", folder + "/booster");
-    serve_value(kept, booster.db(), "data/txPower", monitor_to_booster);
-    serve_value(kept, booster.db(), "data/actualGain", 21.0F);
+    bench::serve_value(kept, booster.db(), "data/txPower", monitor_to_booster);
+    bench::serve_value(kept, booster.db(), "data/actualGain", 21.0F);
     dh_server wss("wss_edge", folder + "/wss_edge");
-    serve_value(kept, wss.db(), "data/ocm/1/totalPower", 0.0F);
+    bench::serve_value(kept, wss.db(), "data/ocm/1/totalPower", 0.0F);
     for (unsigned channel = 1; channel <= channels; ++channel) {
         const std::string number = std::to_string(channel);
         const std::string monitor = "data/ocm/1/channel/" + number;
-        serve_value(kept, wss.db(), monitor + "/detected", true);
-        serve_value(kept, wss.db(), monitor + "/powerLevel", raw_power);
-        serve_value(kept, wss.db(), monitor + "/id", static_cast<int>(channel));
-        serve_value(kept, wss.db(), "data/wss/channel/" + number + "/port", std::string("edfa"));
-        serve_value(kept, wss.db(), "data/wss/channel/" + number + "/attenuation", 7.0);
+        bench::serve_value(kept, wss.db(), monitor + "/detected", true);
+        bench::serve_value(kept, wss.db(), monitor + "/powerLevel", raw_power);
+        bench::serve_value(kept, wss.db(), monitor + "/id", static_cast<int>(channel));
+        bench::serve_value(kept, wss.db(), "data/wss/channel/" + number + "/port",
+                           std::string("edfa"));
+        bench::serve_value(kept, wss.db(), "data/wss/channel/" + number + "/attenuation", 7.0);
     }
     ::pause();
 }

@@ -5,6 +5,7 @@
 #include "device_handler_api.hpp"
 #include "support/measure.hpp"
 #include "support/processes.hpp"
+#include "support/served_values.hpp"
 
 #include <cstdio>
 #include <cstdlib>
@@ -42,22 +43,15 @@ constexpr unsigned channels = 48;
 constexpr unsigned settling_ticks = 12;
 constexpr std::size_t rounds = 50;
 
-using nodes = std::vector<std::shared_ptr<dh_db_leaf_node>>;
-
-template <class T>
-void serve_value(nodes& kept, dh_db& db, const std::string& path, T value) {
-    kept.push_back(dh::api::status_value<T>::create(db, path, std::move(value), 0));
-}
-
 void serve_handlers(const std::string& folder) {
-    nodes kept;
+    bench::nodes kept;
     dh_server booster("booster", folder + "/booster");
-    serve_value(kept, booster.db(), "data/actualGain", 21.0F);
+    bench::serve_value(kept, booster.db(), "data/actualGain", 21.0F);
     dh_server wss("wss_edge", folder + "/wss_edge");
     for (unsigned channel = 1; channel <= channels; ++channel) {
         const std::string path = "data/wss/channel/" + std::to_string(channel);
-        serve_value(kept, wss.db(), path + "/port", std::string("edfa"));
-        serve_value(kept, wss.db(), path + "/attenuation", 7.0);
+        bench::serve_value(kept, wss.db(), path + "/port", std::string("edfa"));
+        bench::serve_value(kept, wss.db(), path + "/attenuation", 7.0);
     }
     ::pause();
 }

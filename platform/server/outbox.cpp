@@ -11,24 +11,25 @@ outbox::outbox(int socket, std::size_t limit, std::function<void()> await_writab
 
 void outbox::push_value_event(const std::string& path, std::shared_ptr<const std::string> line) {
     const std::lock_guard lock(mutex_);
-    if (broken_)
-        return;
-    const std::size_t sent = waiting_.empty() ? send_some(*line) : 0;
-    if (sent == line->size() || broken_)
-        return;
-    front_sent_ += sent;
-    push_event_locked({kind::value_event, path, std::move(line)});
+    if (!send_at_once(*line))
+        push_event_locked({kind::value_event, path, std::move(line)});
 }
 
 void outbox::push_event(std::shared_ptr<const std::string> line) {
     const std::lock_guard lock(mutex_);
+    if (!send_at_once(*line))
+        push_event_locked({kind::event, {}, std::move(line)});
+}
+
+// False where the line has to wait; what has gone of it is counted then.
+bool outbox::send_at_once(std::string_view line) {
     if (broken_)
-        return;
-    const std::size_t sent = waiting_.empty() ? send_some(*line) : 0;
-    if (sent == line->size() || broken_)
-        return;
+        return true;
+    const std::size_t sent = waiting_.empty() ? send_some(line) : 0;
+    if (sent == line.size() || broken_)
+        return true;
     front_sent_ += sent;
-    push_event_locked({kind::event, {}, std::move(line)});
+    return false;
 }
 
 void outbox::push_reply(std::string_view line) {

@@ -44,6 +44,7 @@ class outbox {
         std::shared_ptr<const std::string> line;
     };
 
+    bool send_at_once(std::string_view line);
     void push_event_locked(entry&& waiting);
     std::size_t send_some(std::string_view bytes);
     void send_waiting();
