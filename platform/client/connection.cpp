@@ -371,14 +371,13 @@ void connection::queue_event(event&& came) {
     const std::lock_guard lock(mutex_);
     if (!subscriptions_.contains(came.path))
         return;
-    const bool replaces_waiting =
-        events_.size() >= max_waiting_events && came.what != event::kind::ended;
-    if (replaces_waiting)
+    const bool tells_end = came.what == event::kind::ended;
+    if (events_.size() >= max_waiting_events)
         std::erase_if(events_, [&](const event& waiting) {
-            return waiting.path == came.path && waiting.what != event::kind::ended;
+            return waiting.path == came.path && (waiting.what == event::kind::ended) == tells_end;
         });
     events_.push_back(std::move(came));
-    if (events_.size() == 1 && !library_threads::is_event_thread())
+    if (events_.size() == 1 && !is_being_served_)
         library_threads::instance().serve_soon(shared_from_this());
 }
 
@@ -388,6 +387,7 @@ void connection::serve_events() {
     bool renew = false;
     {
         const std::lock_guard lock(mutex_);
+        is_being_served_ = true;
         open = link_;
         renew = std::exchange(renewal_is_due_, false);
         may_read = open && state_ == state::up && take_reading_role(*open);
@@ -406,7 +406,8 @@ void connection::serve_events() {
         event next{};
         {
             const std::lock_guard lock(mutex_);
-            if (events_.empty())
+            is_being_served_ = !events_.empty();
+            if (!is_being_served_)
                 break;
             next = std::move(events_.front());
             events_.pop_front();

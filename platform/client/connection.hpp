@@ -139,5 +139,6 @@ class device_handler_client_base::connection
     clock::time_point front_since_;  // when the first of them became the next to be answered
     std::map<std::string, std::vector<subscription>, std::less<>> subscriptions_;
     bool renewal_is_due_ = false;
+    bool is_being_served_ = false;  // the event thread will find what is added to events_
     std::deque<event> events_;
 };

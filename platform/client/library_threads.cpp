@@ -18,8 +18,6 @@ namespace {
 constexpr int retry_pause_ms = 100;
 constexpr int quiet_pause_ms = 500;
 
-thread_local bool this_is_the_event_thread = false;
-
 using ready_events = std::array<epoll_event, 16>;
 
 int make_wake(int poll) {
@@ -154,12 +152,7 @@ std::vector<std::shared_ptr<connection>> library_threads::take_served_soon() {
     return alive;
 }
 
-bool library_threads::is_event_thread() {
-    return this_is_the_event_thread;
-}
-
 void library_threads::run_events() {
-    this_is_the_event_thread = true;
     for (;;) {
         ready_events ready{};
         const int count =

@@ -21,7 +21,6 @@ using connection = device_handler_client_base::connection;
 class library_threads {
   public:
     static library_threads& instance();
-    static bool is_event_thread();
 
     // From now on the connection is supervised, for as long as it lives.
     void supervise(const std::shared_ptr<connection>&);

@@ -2,6 +2,7 @@
 #include "client_recorders.hpp"
 #include "device_handler_client.hpp"
 #include "eventually.hpp"
+#include "line_server.hpp"
 #include "log_capture.hpp"
 #include "wire_fixture.hpp"
 
@@ -311,6 +312,32 @@ TEST_F(Client, ValueCallbackMayDoABlockingRead) {
     count_->set(2);
     const strings expected{"value data/count 1", "read 4", "value data/count 2", "read 4"};
     EXPECT_TRUE(eventually([&] { return subscriber->all() == expected; }));
+}
+
+// The callback of one client's event reads from another client, and with the
+// reply comes an event of that other one: it is delivered although nothing more
+// comes on its connection.
+TEST_F(Client, EventThatACallbackComesAcrossOnAnotherClientIsDelivered) {
+    const test::line_server other(
+        test::root() + "/other", [](const test::line_server::request& asked) {
+            const std::string event =
+                R"({"jsonrpc":"2.0","method":"event","params":{"event":"value","path":"far",)"
+                R"("time":1,"value":7}})"
+                "\n";
+            return (asked.method == "read" ? event : "") +
+                   test::line_server::reply(asked, R"([{"value":3}])");
+        });
+    const auto other_client = device_handler_client::create("/other", "other", {});
+    const auto far = std::make_shared<test::recording_subscriber>("far");
+    other_client->add_subscriber(far);
+    EXPECT_EQ(other_client->get<int>("warm up"), 3);
+    ASSERT_TRUE(eventually([&] { return far->all().size() == 1; }));
+
+    const auto near = std::make_shared<test::recording_subscriber>("data/count");
+    near->on_value = [&](const json::value&) { other_client->get<int>("something"); };
+    client_->add_subscriber(near);
+    EXPECT_TRUE(eventually([&] { return far->all().size() == 2; }, std::chrono::seconds(10)));
+    client_->remove_subscriber(near);
 }
 
 TEST_F(Client, RemovedSubscriberGetsNoMoreEvents) {
