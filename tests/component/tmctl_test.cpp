@@ -287,7 +287,9 @@ TEST_F(TmctlWithHandler, WatchShowsChangesUntilItIsInterrupted) {
 
 TEST_F(TmctlWithHandler, WatchReportsAPathThatIsNotThere) {
     running_tool watch(words({"watch", "nowhere", "alarms/severity"}));
+    // The event may come before the reply that tells of the other path.
     ASSERT_TRUE(watch.shows("(initial)"));
+    ASSERT_TRUE(test::eventually([&] { return !watch.err().empty(); }));
     watch.interrupt();
     EXPECT_EQ(watch.join(), exit_status::failed);
     EXPECT_THAT(watch.err(), HasSubstr("nowhere: -2"));

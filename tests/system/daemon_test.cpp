@@ -185,18 +185,20 @@ TEST_F(Daemon, GetsReadyWhenALateHandlerDoes) {
 
 TEST_F(Daemon, ReadOfTheMutexStatusWaitsUntilAllModulesStand) {
     become_ready_t47();
-    std::promise<void> reached;
+    // Shared with the handler's thread, which may be the last to use them.
+    const auto reached = std::make_shared<std::promise<void>>();
     std::promise<void> released;
-    std::atomic<bool> holds{true};
+    const auto holds = std::make_shared<std::atomic<bool>>(true);
     // The last thing that the modules' start does is to ask the WSS edge.
-    wss_->on_request([&](const std::string&) {
-        if (!holds.exchange(false))
-            return;
-        reached.set_value();
-        released.get_future().wait();
-    });
+    wss_->on_request(
+        [reached, holds, release = released.get_future().share()](const std::string& request) {
+            if (request.find("/port") == std::string::npos || !holds->exchange(false))
+                return;
+            reached->set_value();
+            release.wait();
+        });
     start();
-    ASSERT_EQ(reached.get_future().wait_for(30s), std::future_status::ready);
+    ASSERT_EQ(reached->get_future().wait_for(30s), std::future_status::ready);
     auto status = std::async(std::launch::async,
                              [] { return management_client()->get<unsigned>("data/mutexStatus"); });
     const auto management = management_client();
