@@ -4,8 +4,8 @@
 // attenuations in dB, times in whole seconds. A difference is positive where
 // there is more power than wanted; more attenuation then lowers it.
 //
-// The regulation is compared bit for bit with what the cards in the field do,
-// so where a sum is in double and where it is rounded to float is part of it.
+// Every bit of a result counts: where a sum is in double, and where it is rounded
+// to float, is part of the law.
 #pragma once
 
 #include <cstddef>
