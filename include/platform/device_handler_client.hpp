@@ -27,6 +27,11 @@ class io_context;
 
 class device_handler_client_base;
 
+// How long a client waits for a reply, in real time: to a plain request, and to
+// a write that returns a response.
+inline constexpr std::chrono::milliseconds plain_reply_limit{10'000};
+inline constexpr std::chrono::milliseconds response_limit{300'000};
+
 // A path of a request: a literal is viewed, not copied, and must outlive the call.
 using device_handler_path = std::variant<std::string, std::string_view>;
 
@@ -131,6 +136,9 @@ void fail(std::promise<T>& promise, int code, std::string message) {
 }
 
 int error_code_of(const json::value& code);
+
+// What an object of "code" and "message" tells.
+dh_client_exception error_of(const json::value& error);
 
 }  // namespace dh::client
 
@@ -387,6 +395,19 @@ class device_handler_subscriber {
     const std::string path_;
 };
 
+// Receives what happens to a remote tree, on the library's event thread.
+class device_handler_tree_watcher {
+  public:
+    virtual ~device_handler_tree_watcher() = default;
+    // All nodes of the tree, as objects of "path" and "info": the first that is
+    // told. `is_cut` where there are more than the watcher takes.
+    virtual void tree_listed(const json::value& nodes, bool is_cut) = 0;
+    virtual void node_added(const std::string& path, const json::value& info) = 0;
+    virtual void node_removed(const std::string& path) = 0;
+    // Nothing more will be told.
+    virtual void watch_failed(const dh_client_exception&) = 0;
+};
+
 // Receives the connection events of clients, on the library's connection thread.
 class device_handler_connection_subscriber {
   public:
@@ -428,8 +449,12 @@ class device_handler_client_base : public std::enable_shared_from_this<device_ha
     void start();                                       // begin to connect
     void require_connected(std::chrono::milliseconds);  // throws where it is not up by then
 
-    void add_subscriber_impl(std::shared_ptr<device_handler_subscriber>);
-    void remove_subscriber_impl(const std::shared_ptr<device_handler_subscriber>&);
+    using subscribers = std::vector<std::shared_ptr<device_handler_subscriber>>;
+    void add_subscribers_impl(const subscribers&);
+    void remove_subscribers_impl(const subscribers&);
+    void watch_impl(std::string prefix, std::size_t max_nodes,
+                    std::shared_ptr<device_handler_tree_watcher>);
+    void unwatch_impl(const std::shared_ptr<device_handler_tree_watcher>&);
 
   private:
     friend class device_handler_reply_gate;
@@ -474,17 +499,35 @@ class device_handler_client_api : public device_handler_client_base {
     }
 
     // Any method of the protocol, with its params and its result as they are.
-    // Blocks; throws dh_client_exception.
-    json::document call(const std::string& method, const json::value& params);
+    // Blocks, at most for the limit in real time; throws dh_client_exception.
+    json::document call(const std::string& method, const json::value& params,
+                        std::chrono::milliseconds time_limit = plain_reply_limit);
 
     // From now on the subscriber gets the events of its path, over
     // reconnections too. A path that cannot be subscribed is reported to it as
     // an exception event.
     void add_subscriber(std::shared_ptr<device_handler_subscriber> subscriber) {
-        add_subscriber_impl(std::move(subscriber));
+        add_subscribers_impl({std::move(subscriber)});
     }
     void remove_subscriber(const std::shared_ptr<device_handler_subscriber>& subscriber) {
-        remove_subscriber_impl(subscriber);
+        remove_subscribers_impl({subscriber});
+    }
+    // Many at once, in one round trip.
+    void add_subscribers(const std::vector<std::shared_ptr<device_handler_subscriber>>& added) {
+        add_subscribers_impl(added);
+    }
+    void remove_subscribers(const std::vector<std::shared_ptr<device_handler_subscriber>>& gone) {
+        remove_subscribers_impl(gone);
+    }
+
+    // Watches the remote tree under the prefix for as long as the connection
+    // lasts that stands now. At most `max_nodes` of the first listing are told.
+    void watch(std::string prefix, std::size_t max_nodes,
+               std::shared_ptr<device_handler_tree_watcher> watcher) {
+        watch_impl(std::move(prefix), max_nodes, std::move(watcher));
+    }
+    void unwatch(const std::shared_ptr<device_handler_tree_watcher>& watcher) {
+        unwatch_impl(watcher);
     }
 
   protected:

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds plain_reply_limit{10'000};
-constexpr std::chrono::milliseconds response_limit{300'000};
 constexpr std::chrono::milliseconds ipv6_connect_limit{10'000};
 
 template <class Address>
@@ -68,12 +66,13 @@ int open_ipv6_socket(const std::string& host, const std::string& interface, unsi
 // Any method, its params and its result as they are.
 class raw_request final : public device_handler_request {
   public:
-    raw_request(std::string method, const json::value& params)
-        : method_(std::move(method)), params_(json::to_text(params)) {}
+    raw_request(std::string method, const json::value& params, std::chrono::milliseconds time_limit)
+        : method_(std::move(method)), params_(json::to_text(params)), time_limit_(time_limit) {}
 
     std::future<json::document> get_future() { return result_.get_future(); }
 
     const char* method() const override { return method_.c_str(); }
+    std::chrono::milliseconds time_limit() const override { return time_limit_; }
 
     void write_params(json::writer& out) const override {
         out.RawValue(params_.data(), params_.size(), rapidjson::kObjectType);
@@ -93,6 +92,7 @@ class raw_request final : public device_handler_request {
   private:
     const std::string method_;
     const std::string params_;
+    const std::chrono::milliseconds time_limit_;
     std::promise<json::document> result_;
 };
 
@@ -100,6 +100,15 @@ class raw_request final : public device_handler_request {
 
 int dh::client::error_code_of(const json::value& code) {
     return code.IsInt() ? code.GetInt() : dh_error_code::unknown;
+}
+
+dh_client_exception dh::client::error_of(const json::value& error) {
+    const json::value* code = json::find(error, "code");
+    const json::value* message = json::find(error, "message");
+    const bool has_text = message != nullptr && message->IsString();
+    return {code != nullptr ? error_code_of(*code) : dh_error_code::unknown,
+            has_text ? std::string(message->GetString(), message->GetStringLength())
+                     : std::string()};
 }
 
 void device_handler_reply_gate::wait() {
@@ -197,19 +206,27 @@ bool device_handler_client_base::is_connected() const {
     return connection_->is_up();
 }
 
-void device_handler_client_base::add_subscriber_impl(
-    std::shared_ptr<device_handler_subscriber> subscriber) {
-    connection_->add_subscriber(std::move(subscriber));
+void device_handler_client_base::add_subscribers_impl(const subscribers& added) {
+    connection_->add_subscribers(added);
 }
 
-void device_handler_client_base::remove_subscriber_impl(
-    const std::shared_ptr<device_handler_subscriber>& subscriber) {
-    connection_->remove_subscriber(subscriber);
+void device_handler_client_base::remove_subscribers_impl(const subscribers& gone) {
+    connection_->remove_subscribers(gone);
 }
 
-json::document device_handler_client_api::call(const std::string& method,
-                                               const json::value& params) {
-    auto request = std::make_shared<raw_request>(method, params);
+void device_handler_client_base::watch_impl(std::string prefix, std::size_t max_nodes,
+                                            std::shared_ptr<device_handler_tree_watcher> watcher) {
+    connection_->watch(std::move(prefix), max_nodes, std::move(watcher));
+}
+
+void device_handler_client_base::unwatch_impl(
+    const std::shared_ptr<device_handler_tree_watcher>& watcher) {
+    connection_->unwatch(watcher);
+}
+
+json::document device_handler_client_api::call(const std::string& method, const json::value& params,
+                                               std::chrono::milliseconds time_limit) {
+    auto request = std::make_shared<raw_request>(method, params, time_limit);
     auto result = request->get_future();
     server_call(request);
     await_reply(request);

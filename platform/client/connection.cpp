@@ -15,6 +15,7 @@
 #include <utility>
 
 using connection = device_handler_client_base::connection;
+using dh::client::error_of;
 using dh::client::library_threads;
 using std::chrono::milliseconds;
 
@@ -29,34 +30,8 @@ constexpr milliseconds attempt_pause{100};
 // How long a reader sleeps before it looks at the time limits.
 constexpr milliseconds reader_nap{100};
 constexpr std::size_t receive_size = std::size_t{16} << 10;
-// Events that wait for the event thread; past that, only the newest value of each path.
-constexpr std::size_t max_waiting_events = 1024;
 
 std::atomic<std::uint64_t> next_id{1};
-
-std::string_view text_of(const json::value& v) {
-    return {v.GetString(), v.GetStringLength()};
-}
-
-std::string text_member(const json::value& object, const char* key) {
-    const json::value* member = json::find(object, key);
-    return member != nullptr && member->IsString() ? std::string(text_of(*member)) : std::string();
-}
-
-dh_client_exception error_of(const json::value& error) {
-    const json::value* code = json::find(error, "code");
-    return {code != nullptr ? dh::client::error_code_of(*code) : dh_error_code::unknown,
-            text_member(error, "message")};
-}
-
-// A node in error sends its first event with {"code", "message"} as the value.
-bool is_error_value(const json::value& v) {
-    if (!v.IsObject() || v.MemberCount() != 2)
-        return false;
-    const json::value* code = json::find(v, "code");
-    const json::value* message = json::find(v, "message");
-    return code != nullptr && code->IsInt() && message != nullptr && message->IsString();
-}
 
 bool nothing_came(ssize_t received) {
     return received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
@@ -68,46 +43,12 @@ bool is_sent_away(const json::value& first_line) {
     return error != nullptr && error_of(*error).code == wire::error_code::too_many_sessions;
 }
 
+// A line that cannot be parsed may still be told to be an event.
+bool names_a_method(std::string_view line) {
+    return line.find(R"("method")") != std::string_view::npos;
+}
+
 }  // namespace
-
-// Asks for the events of paths. Errors of single paths go to their subscribers.
-class connection::subscribe_request : public device_handler_request {
-  public:
-    subscribe_request(const char* method, std::vector<std::string> paths,
-                      std::weak_ptr<connection> owner)
-        : method_(method), paths_(std::move(paths)), owner_(std::move(owner)) {}
-
-    const char* method() const override { return method_; }
-
-    void write_params(json::writer& out) const override {
-        out.StartObject();
-        out.Key("paths");
-        out.StartArray();
-        for (const std::string& path : paths_)
-            out.String(path.data(), static_cast<rapidjson::SizeType>(path.size()));
-        out.EndArray();
-        out.EndObject();
-    }
-
-    bool process_result(const json::value& result) override {
-        if (!result.IsArray() || result.Size() != paths_.size())
-            return false;
-        const auto owner = owner_.lock();
-        for (rapidjson::SizeType i = 0; owner && i < result.Size(); ++i) {
-            if (const json::value* error = json::find(result[i], "error"))
-                owner->queue_event({event::kind::error, paths_[i], false, {}, error_of(*error), 0});
-        }
-        return true;
-    }
-
-    // A connection that fails renews its subscriptions when it stands again.
-    void report_local_error(int, const std::string&) override {}
-
-  private:
-    const char* const method_;
-    const std::vector<std::string> paths_;
-    const std::weak_ptr<connection> owner_;
-};
 
 connection::link::~link() {
     ::close(socket);
@@ -146,6 +87,7 @@ void connection::close() {
         open = link_;
         state_ = state::closed;
         subscriptions_.clear();
+        watches_.clear();
     }
     if (open)
         break_link(open, dh_client_code::connection_lost, "connection lost");
@@ -268,17 +210,22 @@ void connection::read_once(const std::shared_ptr<link>& open, milliseconds patie
 }
 
 void connection::process_line(const std::shared_ptr<link>& open, std::string_view line) {
-    const json::value* const parsed = open->parser.parse(line);
-    if (parsed == nullptr || !parsed->IsObject()) {
-        MSG_LOG(log_channel, msg_log::failure)
-            << "msg: " << where_.description << " sent a line that is no message";
-        break_link(open, dh_client_code::bad_reply, "bad reply");
-        return;
-    }
     bool is_first = false;
+    bool may_be_a_reply = false;
     {
         const std::lock_guard lock(mutex_);
         is_first = link_ == open && state_ == state::handshaking;
+        may_be_a_reply = is_first || (!outstanding_.empty() && !names_a_method(line));
+    }
+    const json::value* const parsed = open->parser.parse(line);
+    if (parsed == nullptr || !parsed->IsObject()) {
+        if (unreadable_line_.is_worth_a_line())
+            MSG_LOG(log_channel, msg_log::failure)
+                << "msg: " << where_.description << " sent a line that is no message";
+        // Of an event nothing is lost but the event.
+        if (may_be_a_reply)
+            break_link(open, dh_client_code::bad_reply, "bad reply");
+        return;
     }
     if (is_first && is_sent_away(*parsed)) {
         break_link(open, dh_client_code::connection_lost, "connection lost");
@@ -289,7 +236,8 @@ void connection::process_line(const std::shared_ptr<link>& open, std::string_vie
         if (!is_first)
             process_reply(*parsed);
     } else if (const json::value* params = json::find(*parsed, "params")) {
-        process_event(*params);
+        if (!process_event(*params))
+            break_link(open, dh_client_code::bad_reply, "bad reply");
     }
     if (is_first)
         came_up();
@@ -334,200 +282,6 @@ void connection::finish(device_handler_request& request) {
     const std::lock_guard lock(mutex_);
     request.is_done_ = true;
     changed_.notify_all();
-}
-
-// --- Events -----------------------------------------------------------------------
-
-void connection::process_event(const json::value& params) {
-    event came{};
-    came.path = text_member(params, "path");
-    const std::string kind = text_member(params, "event");
-    const json::value* initial = json::find(params, "initial");
-    came.is_first = initial != nullptr && initial->IsTrue();
-    const json::value* value = json::find(params, "value");
-    const json::value* error = json::find(params, "error");
-    const json::value* reason = json::find(params, "reason");
-    if (kind == "value" && value != nullptr) {
-        came.what = event::kind::value;
-        if (is_error_value(*value)) {
-            came.what = event::kind::error;
-            came.error = error_of(*value);
-        } else {
-            came.value.CopyFrom(*value, came.value.GetAllocator());
-        }
-    } else if (kind == "error" && error != nullptr) {
-        came.what = event::kind::error;
-        came.error = error_of(*error);
-    } else if (kind == "ended") {
-        came.what = event::kind::ended;
-        came.reason = reason != nullptr && reason->IsInt() ? reason->GetInt() : 0;
-    } else {
-        return;
-    }
-    queue_event(std::move(came));
-}
-
-void connection::queue_event(event&& came) {
-    const std::lock_guard lock(mutex_);
-    if (!subscriptions_.contains(came.path))
-        return;
-    const bool tells_end = came.what == event::kind::ended;
-    if (events_.size() >= max_waiting_events)
-        std::erase_if(events_, [&](const event& waiting) {
-            return waiting.path == came.path && (waiting.what == event::kind::ended) == tells_end;
-        });
-    events_.push_back(std::move(came));
-    if (events_.size() == 1 && !is_being_served_)
-        library_threads::instance().serve_soon(shared_from_this());
-}
-
-void connection::serve_events() {
-    std::shared_ptr<link> open;
-    bool may_read = false;
-    bool renew = false;
-    {
-        const std::lock_guard lock(mutex_);
-        is_being_served_ = true;
-        open = link_;
-        renew = std::exchange(renewal_is_due_, false);
-        may_read = open && state_ == state::up && take_reading_role(*open);
-        if (open && !may_read)
-            open->event_thread_asked = true;
-    }
-    if (renew)
-        renew_subscriptions();
-    if (may_read) {
-        read_once(open, milliseconds::zero());
-        const std::lock_guard lock(mutex_);
-        open->event_thread_asked = false;
-        give_up_reading_role(*open);
-    }
-    for (;;) {
-        event next{};
-        {
-            const std::lock_guard lock(mutex_);
-            is_being_served_ = !events_.empty();
-            if (!is_being_served_)
-                break;
-            next = std::move(events_.front());
-            events_.pop_front();
-        }
-        deliver(next);
-    }
-    if (may_read) {
-        const std::lock_guard lock(mutex_);
-        if (link_ == open)
-            listen_for_events_locked();
-    }
-}
-
-void connection::deliver(const event& came) {
-    std::vector<std::shared_ptr<device_handler_subscriber>> called;
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = subscriptions_.find(came.path);
-        if (found == subscriptions_.end())
-            return;
-        for (subscription& each : found->second) {
-            // The first event answers a subscribe; who has had it knows the value.
-            if (came.is_first && !each.awaits_first_event)
-                continue;
-            each.awaits_first_event = false;
-            called.push_back(each.subscriber);
-        }
-    }
-    for (const auto& subscriber : called) {
-        try {
-            call_subscriber(*subscriber, came);
-        } catch (const json_value_conversion_error& error) {
-            MSG_LOG(log_channel, msg_log::warning)
-                << "msg: " << name_ << ", event of " << came.path << " dropped: expected "
-                << error.expected << ", found " << error.found;
-        } catch (const dh_client_exception& error) {
-            MSG_LOG(log_channel, msg_log::warning)
-                << "msg: " << name_ << ", event of " << came.path << ": " << error.message;
-        } catch (const std::exception& error) {
-            MSG_LOG(log_channel, msg_log::warning)
-                << "msg: " << name_ << ", event of " << came.path << ": " << error.what();
-        }
-    }
-}
-
-void connection::call_subscriber(device_handler_subscriber& subscriber, const event& came) const {
-    switch (came.what) {
-        case event::kind::value:
-            subscriber.send_changed_value_event(came.path, came.value);
-            break;
-        case event::kind::error:
-            subscriber.send_exception_event(came.path, came.error);
-            break;
-        case event::kind::ended:
-            subscriber.send_subscription_ended_event(
-                came.path, static_cast<subscription_ended_rc>(came.reason));
-            break;
-    }
-}
-
-void connection::add_subscriber(std::shared_ptr<device_handler_subscriber> subscriber) {
-    const std::string path = subscriber->path();
-    {
-        const std::lock_guard lock(mutex_);
-        subscriptions_[path].push_back({std::move(subscriber), true});
-        if (state_ != state::up)
-            return;
-        listen_for_events_locked();
-    }
-    request_subscriptions({path});
-}
-
-void connection::remove_subscriber(const std::shared_ptr<device_handler_subscriber>& subscriber) {
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = subscriptions_.find(subscriber->path());
-        if (found == subscriptions_.end())
-            return;
-        std::erase_if(found->second,
-                      [&](const subscription& each) { return each.subscriber == subscriber; });
-        if (!found->second.empty())
-            return;
-        subscriptions_.erase(found);
-        if (state_ != state::up)
-            return;
-    }
-    send(std::make_shared<subscribe_request>(
-        "unsubscribe", std::vector<std::string>{subscriber->path()}, weak_from_this()));
-}
-
-void connection::renew_subscriptions() {
-    std::vector<std::string> paths;
-    {
-        const std::lock_guard lock(mutex_);
-        if (state_ != state::up)
-            return;
-        for (auto& [path, subscribed] : subscriptions_) {
-            for (subscription& each : subscribed)
-                each.awaits_first_event = true;
-            paths.push_back(path);
-        }
-        if (!paths.empty())
-            listen_for_events_locked();
-    }
-    request_subscriptions(std::move(paths));
-}
-
-void connection::request_subscriptions(std::vector<std::string> paths) {
-    for (std::size_t begin = 0; begin < paths.size(); begin += wire::max_entries) {
-        const std::size_t end = std::min(begin + wire::max_entries, paths.size());
-        const auto first = paths.begin() + static_cast<std::ptrdiff_t>(begin);
-        const auto last = paths.begin() + static_cast<std::ptrdiff_t>(end);
-        send(std::make_shared<subscribe_request>("subscribe", std::vector<std::string>(first, last),
-                                                 weak_from_this()));
-    }
-}
-
-void connection::listen_for_events_locked() {
-    if (link_ && !subscriptions_.empty())
-        library_threads::instance().serve_when_readable(link_->socket, shared_from_this());
 }
 
 // --- Life of the connection -------------------------------------------------------
@@ -709,6 +463,9 @@ void connection::break_link(const std::shared_ptr<link>& open, int code,
             raise_lost_event();
         if (state_ != state::closed)
             state_ = state::down;
+        // Those that wait for their listing are told that it will not come.
+        std::erase_if(watches_, [](const watched_tree& w) { return w.was_listed; });
+        asked_before_.clear();
     }
     bool is_front = true;
     for (const outstanding& each : failed) {

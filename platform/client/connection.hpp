@@ -9,6 +9,7 @@
 #pragma once
 
 #include "device_handler_client.hpp"
+#include "recurring_complaint.hpp"
 #include "wire.hpp"
 
 #include <chrono>
@@ -18,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,8 +36,11 @@ class device_handler_client_base::connection
     void await(const device_handler_request& request);
     bool is_up() const;
     void require_up(std::chrono::milliseconds limit);
-    void add_subscriber(std::shared_ptr<device_handler_subscriber>);
-    void remove_subscriber(const std::shared_ptr<device_handler_subscriber>&);
+    void add_subscribers(const subscribers&);
+    void remove_subscribers(const subscribers&);
+    void watch(std::string prefix, std::size_t max_nodes,
+               std::shared_ptr<device_handler_tree_watcher>);
+    void unwatch(const std::shared_ptr<device_handler_tree_watcher>&);
     void close();
 
     // From the supervisor: does what is due.
@@ -74,16 +79,27 @@ class device_handler_client_base::connection
         bool awaits_first_event;
     };
 
+    struct watched_tree {
+        std::uint64_t id;
+        std::string prefix;
+        std::shared_ptr<device_handler_tree_watcher> watcher;
+        bool was_listed = false;
+    };
+
     struct event {
-        enum class kind { value, error, ended } what;
+        enum class kind { value, error, ended, listed, added, removed, watch_failed } what;
         std::string path;
         bool is_first = false;
-        json::document value;  // of a value event
+        json::document value;  // also the nodes of a listing, and the info of a node
         dh_client_exception error{0, {}};
         int reason = 0;
+        std::uint64_t watch = 0;  // that was listed, or failed
+        bool is_cut = false;
     };
 
     class subscribe_request;
+    class watch_request;
+    class unwatch_request;
 
     using lock_type = std::unique_lock<std::mutex>;
 
@@ -98,8 +114,9 @@ class device_handler_client_base::connection
     void read_once(const std::shared_ptr<link>&, std::chrono::milliseconds patience);
     void process_line(const std::shared_ptr<link>&, std::string_view line);
     void process_reply(const json::value& reply);
-    void process_event(const json::value& params);
-    void queue_event(event&&);
+    bool process_event(const json::value& params);
+    bool queue_event(event&&);
+    bool is_asked_for_locked(const event&);
     void fail_request(const std::shared_ptr<device_handler_request>&, int code,
                       const std::string& message);
     void finish(device_handler_request&);
@@ -114,10 +131,13 @@ class device_handler_client_base::connection
     void raise_lost_event();
 
     void renew_subscriptions();
-    void request_subscriptions(std::vector<std::string> paths);
+    void request_subscriptions(const char* method, std::vector<std::string> paths);
     void listen_for_events_locked();
     void deliver(const event&);
-    void call_subscriber(device_handler_subscriber&, const event&) const;
+    void deliver_to_subscribers(const event&);
+    void deliver_to_watchers(const event&);
+    template <class Call>
+    void call_receiver(const event&, const Call&);
 
     const endpoint where_;
     const std::string name_;
@@ -138,7 +158,13 @@ class device_handler_client_base::connection
     std::deque<outstanding> outstanding_;
     clock::time_point front_since_;  // when the first of them became the next to be answered
     std::map<std::string, std::vector<subscription>, std::less<>> subscriptions_;
+    std::set<std::string, std::less<>> asked_before_;  // of which events may be on their way
+    std::vector<watched_tree> watches_;                // of the link
     bool renewal_is_due_ = false;
     bool is_being_served_ = false;  // the event thread will find what is added to events_
     std::deque<event> events_;
+
+    recurring_complaint unreadable_line_;
+    recurring_complaint unasked_event_;
+    recurring_complaint refused_event_;
 };

@@ -1,12 +1,14 @@
 #include "library_threads.hpp"
 
 #include "connection.hpp"
+#include "msg_log.hpp"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -179,7 +181,12 @@ void library_threads::run_connection_events() {
             event = std::move(raised_.front());
             raised_.pop_front();
         }
-        event();
+        try {
+            event();
+        } catch (const std::exception& error) {
+            MSG_LOG("dh_client", msg_log::failure)
+                << "msg: A connection event was not handled: " << error.what();
+        }
     }
 }
 

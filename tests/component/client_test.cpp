@@ -299,7 +299,7 @@ TEST_F(Client, SubscriberThatThrowsDoesNotStopTheEvents) {
     count_->set(2);
     EXPECT_TRUE(eventually([&] { return subscriber->has(R"(value data/text "a")"); }));
     EXPECT_TRUE(eventually([&] { return other->has("value data/count 2"); }));
-    EXPECT_EQ(log.texts(msg_log::warning).size(), 2U);
+    EXPECT_EQ(log.texts(msg_log::warning).size(), 1U);  // what goes on is said once
 }
 
 TEST_F(Client, ValueCallbackMayDoABlockingRead) {

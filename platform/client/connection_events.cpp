@@ -1,0 +1,481 @@
+// Subscriptions, watches and their events.
+#include "connection.hpp"
+#include "library_threads.hpp"
+#include "msg_log.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <utility>
+
+using connection = device_handler_client_base::connection;
+using dh::client::error_of;
+using dh::client::library_threads;
+using std::chrono::milliseconds;
+
+namespace {
+
+const std::string log_channel = "dh_client";
+
+// Events that wait for the event thread; past that, only the newest value of each path.
+constexpr std::size_t max_waiting_events = 1024;
+// What no handler in its right mind sends while an event is delivered.
+constexpr std::size_t max_kept_events = 16 * max_waiting_events;
+
+constexpr std::size_t max_logged_path = 200;
+
+std::atomic<std::uint64_t> next_watch_id{1};
+
+std::string text_member(const json::value& object, const char* key) {
+    const json::value* member = json::find(object, key);
+    return member != nullptr && member->IsString()
+               ? std::string(member->GetString(), member->GetStringLength())
+               : std::string();
+}
+
+// A node in error sends its first event with {"code", "message"} as the value.
+bool is_error_value(const json::value& v) {
+    if (!v.IsObject() || v.MemberCount() != 2)
+        return false;
+    const json::value* code = json::find(v, "code");
+    const json::value* message = json::find(v, "message");
+    return code != nullptr && code->IsInt() && message != nullptr && message->IsString();
+}
+
+std::string_view shown(std::string_view path) {
+    return path.substr(0, max_logged_path);
+}
+
+void write_prefix(json::writer& out, const std::string& prefix) {
+    out.StartObject();
+    out.Key("prefix");
+    out.String(prefix.data(), static_cast<rapidjson::SizeType>(prefix.size()));
+    out.EndObject();
+}
+
+}  // namespace
+
+// Asks for the events of paths. Errors of single paths go to their subscribers.
+class connection::subscribe_request : public device_handler_request {
+  public:
+    subscribe_request(const char* method, std::vector<std::string> paths,
+                      std::weak_ptr<connection> owner)
+        : method_(method), paths_(std::move(paths)), owner_(std::move(owner)) {}
+
+    const char* method() const override { return method_; }
+
+    void write_params(json::writer& out) const override {
+        out.StartObject();
+        out.Key("paths");
+        out.StartArray();
+        for (const std::string& path : paths_)
+            out.String(path.data(), static_cast<rapidjson::SizeType>(path.size()));
+        out.EndArray();
+        out.EndObject();
+    }
+
+    bool process_result(const json::value& result) override {
+        if (!result.IsArray() || result.Size() != paths_.size())
+            return false;
+        const auto owner = owner_.lock();
+        for (rapidjson::SizeType i = 0; owner && i < result.Size(); ++i) {
+            const json::value* error = json::find(result[i], "error");
+            if (error == nullptr)
+                continue;
+            event refusal{};
+            refusal.what = event::kind::error;
+            refusal.path = paths_[i];
+            refusal.error = error_of(*error);
+            owner->queue_event(std::move(refusal));
+        }
+        return true;
+    }
+
+    // A connection that fails renews its subscriptions when it stands again.
+    void report_local_error(int, const std::string&) override {}
+
+  private:
+    const char* const method_;
+    const std::vector<std::string> paths_;
+    const std::weak_ptr<connection> owner_;
+};
+
+// Asks for a tree and for what changes in it. The listing takes its place among the events.
+class connection::watch_request : public device_handler_request {
+  public:
+    watch_request(std::uint64_t watch, std::string prefix, std::size_t max_nodes,
+                  std::weak_ptr<connection> owner)
+        : watch_(watch),
+          prefix_(std::move(prefix)),
+          max_nodes_(max_nodes),
+          owner_(std::move(owner)) {}
+
+    const char* method() const override { return "watch"; }
+
+    void write_params(json::writer& out) const override { write_prefix(out, prefix_); }
+
+    bool process_result(const json::value& result) override {
+        const json::value* nodes = json::find(result, "nodes");
+        if (nodes == nullptr || !nodes->IsArray())
+            return false;
+        event listing{};
+        listing.what = event::kind::listed;
+        listing.watch = watch_;
+        listing.is_cut = nodes->Size() > max_nodes_;
+        listing.value.SetArray();
+        auto& memory = listing.value.GetAllocator();
+        const std::size_t told = std::min<std::size_t>(nodes->Size(), max_nodes_);
+        listing.value.Reserve(static_cast<rapidjson::SizeType>(told), memory);
+        for (rapidjson::SizeType i = 0; i < told; ++i)
+            listing.value.PushBack(json::value((*nodes)[i], memory), memory);
+        if (const auto owner = owner_.lock())
+            owner->queue_event(std::move(listing));
+        return true;
+    }
+
+    void report_local_error(int code, const std::string& message) override {
+        event failure{};
+        failure.what = event::kind::watch_failed;
+        failure.watch = watch_;
+        failure.error = {code, message};
+        if (const auto owner = owner_.lock())
+            owner->queue_event(std::move(failure));
+    }
+
+  private:
+    const std::uint64_t watch_;
+    const std::string prefix_;
+    const std::size_t max_nodes_;
+    const std::weak_ptr<connection> owner_;
+};
+
+class connection::unwatch_request : public device_handler_request {
+  public:
+    explicit unwatch_request(std::string prefix) : prefix_(std::move(prefix)) {}
+
+    const char* method() const override { return "unwatch"; }
+    void write_params(json::writer& out) const override { write_prefix(out, prefix_); }
+    bool process_result(const json::value&) override { return true; }
+    // Nothing is watched on a connection that is gone.
+    void report_local_error(int, const std::string&) override {}
+
+  private:
+    const std::string prefix_;
+};
+
+// False where there is more than can be taken.
+bool connection::process_event(const json::value& params) {
+    event came{};
+    came.path = wire::without_leading_slash(text_member(params, "path"));
+    const std::string kind = text_member(params, "event");
+    const json::value* initial = json::find(params, "initial");
+    came.is_first = initial != nullptr && initial->IsTrue();
+    const json::value* value = json::find(params, "value");
+    const json::value* info = json::find(params, "info");
+    const json::value* error = json::find(params, "error");
+    const json::value* reason = json::find(params, "reason");
+    if (kind == "value" && value != nullptr) {
+        came.what = event::kind::value;
+        if (is_error_value(*value)) {
+            came.what = event::kind::error;
+            came.error = error_of(*value);
+        } else {
+            came.value.CopyFrom(*value, came.value.GetAllocator());
+        }
+    } else if (kind == "error" && error != nullptr) {
+        came.what = event::kind::error;
+        came.error = error_of(*error);
+    } else if (kind == "ended") {
+        came.what = event::kind::ended;
+        came.reason = reason != nullptr && reason->IsInt() ? reason->GetInt() : 0;
+    } else if (kind == "added" && info != nullptr) {
+        came.what = event::kind::added;
+        came.value.CopyFrom(*info, came.value.GetAllocator());
+    } else if (kind == "removed") {
+        came.what = event::kind::removed;
+    } else {
+        return true;
+    }
+    return queue_event(std::move(came));
+}
+
+bool connection::is_asked_for_locked(const event& came) {
+    switch (came.what) {
+        case event::kind::listed:
+        case event::kind::watch_failed:
+            return true;
+        case event::kind::added:
+        case event::kind::removed:
+            return std::any_of(watches_.begin(), watches_.end(), [&](const watched_tree& watched) {
+                return wire::is_under(came.path, watched.prefix);
+            });
+        case event::kind::value:
+        case event::kind::error:
+        case event::kind::ended:
+            break;
+    }
+    return subscriptions_.contains(came.path);
+}
+
+// False where there is more than can be taken.
+bool connection::queue_event(event&& came) {
+    const std::lock_guard lock(mutex_);
+    if (!is_asked_for_locked(came)) {
+        if (!asked_before_.contains(came.path) && unasked_event_.is_worth_a_line())
+            MSG_LOG(log_channel, msg_log::warning)
+                << "msg: " << name_ << " sends events that nobody has asked for, the first of "
+                << shown(came.path);
+        return true;
+    }
+    if (events_.size() >= max_kept_events)
+        return false;
+    const auto is_state = [](const event& e) {
+        return e.what == event::kind::value || e.what == event::kind::error;
+    };
+    if (events_.size() >= max_waiting_events && is_state(came))
+        std::erase_if(events_, [&](const event& waiting) {
+            return waiting.path == came.path && is_state(waiting);
+        });
+    events_.push_back(std::move(came));
+    if (events_.size() == 1 && !is_being_served_)
+        library_threads::instance().serve_soon(shared_from_this());
+    return true;
+}
+
+void connection::serve_events() {
+    std::shared_ptr<link> open;
+    bool may_read = false;
+    bool renew = false;
+    {
+        const std::lock_guard lock(mutex_);
+        is_being_served_ = true;
+        open = link_;
+        renew = std::exchange(renewal_is_due_, false);
+        may_read = open && state_ == state::up && take_reading_role(*open);
+        if (open && !may_read)
+            open->event_thread_asked = true;
+    }
+    if (renew)
+        renew_subscriptions();
+    if (may_read) {
+        read_once(open, milliseconds::zero());
+        const std::lock_guard lock(mutex_);
+        open->event_thread_asked = false;
+        give_up_reading_role(*open);
+    }
+    for (;;) {
+        event next{};
+        {
+            const std::lock_guard lock(mutex_);
+            is_being_served_ = !events_.empty();
+            if (!is_being_served_)
+                break;
+            next = std::move(events_.front());
+            events_.pop_front();
+        }
+        deliver(next);
+    }
+    if (may_read) {
+        const std::lock_guard lock(mutex_);
+        if (link_ == open)
+            listen_for_events_locked();
+    }
+}
+
+void connection::deliver(const event& came) {
+    switch (came.what) {
+        case event::kind::value:
+        case event::kind::error:
+        case event::kind::ended:
+            deliver_to_subscribers(came);
+            break;
+        case event::kind::listed:
+        case event::kind::added:
+        case event::kind::removed:
+        case event::kind::watch_failed:
+            deliver_to_watchers(came);
+            break;
+    }
+}
+
+void connection::deliver_to_subscribers(const event& came) {
+    subscribers called;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = subscriptions_.find(came.path);
+        if (found == subscriptions_.end())
+            return;
+        for (subscription& each : found->second) {
+            // The first event answers a subscribe; who has had it knows the value.
+            if (came.is_first && !each.awaits_first_event)
+                continue;
+            each.awaits_first_event = false;
+            called.push_back(each.subscriber);
+        }
+    }
+    for (const auto& subscriber : called) {
+        call_receiver(came, [&] {
+            if (came.what == event::kind::value)
+                subscriber->send_changed_value_event(came.path, came.value);
+            else if (came.what == event::kind::error)
+                subscriber->send_exception_event(came.path, came.error);
+            else
+                subscriber->send_subscription_ended_event(
+                    came.path, static_cast<subscription_ended_rc>(came.reason));
+        });
+    }
+}
+
+void connection::deliver_to_watchers(const event& came) {
+    std::vector<std::shared_ptr<device_handler_tree_watcher>> told;
+    {
+        const std::lock_guard lock(mutex_);
+        for (watched_tree& each : watches_) {
+            const bool is_answer =
+                came.what == event::kind::listed || came.what == event::kind::watch_failed;
+            // What changed before the listing is in the listing.
+            const bool concerns = is_answer
+                                      ? each.id == came.watch
+                                      : each.was_listed && wire::is_under(came.path, each.prefix);
+            if (!concerns)
+                continue;
+            each.was_listed = each.was_listed || came.what == event::kind::listed;
+            told.push_back(each.watcher);
+        }
+        if (came.what == event::kind::watch_failed)
+            std::erase_if(watches_, [&](const watched_tree& w) { return w.id == came.watch; });
+    }
+    for (const auto& watcher : told) {
+        call_receiver(came, [&] {
+            if (came.what == event::kind::listed)
+                watcher->tree_listed(came.value, came.is_cut);
+            else if (came.what == event::kind::added)
+                watcher->node_added(came.path, came.value);
+            else if (came.what == event::kind::removed)
+                watcher->node_removed(came.path);
+            else
+                watcher->watch_failed(came.error);
+        });
+    }
+}
+
+// An event that its receiver cannot take is dropped; those behind it are not.
+template <class Call>
+void connection::call_receiver(const event& came, const Call& call) {
+    std::string why;
+    try {
+        call();
+        return;
+    } catch (const json_value_conversion_error& error) {
+        why = std::string("expected ") + error.expected + ", found " + error.found;
+    } catch (const dh_client_exception& error) {
+        why = error.message;
+    } catch (const std::exception& error) {
+        why = error.what();
+    } catch (...) {
+        why = "Unknown error!";
+    }
+    if (refused_event_.is_worth_a_line())
+        MSG_LOG(log_channel, msg_log::warning)
+            << "msg: " << name_ << ", event of " << shown(came.path) << " dropped: " << why;
+}
+
+void connection::add_subscribers(const subscribers& added) {
+    std::vector<std::string> paths;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& subscriber : added) {
+            subscriptions_[subscriber->path()].push_back({subscriber, true});
+            paths.push_back(subscriber->path());
+        }
+        if (state_ != state::up)
+            return;
+        listen_for_events_locked();
+    }
+    request_subscriptions("subscribe", std::move(paths));
+}
+
+void connection::remove_subscribers(const subscribers& gone) {
+    std::vector<std::string> paths;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& subscriber : gone) {
+            const auto found = subscriptions_.find(subscriber->path());
+            if (found == subscriptions_.end())
+                continue;
+            std::erase_if(found->second,
+                          [&](const subscription& each) { return each.subscriber == subscriber; });
+            if (!found->second.empty())
+                continue;
+            subscriptions_.erase(found);
+            asked_before_.insert(subscriber->path());
+            paths.push_back(subscriber->path());
+        }
+        if (state_ != state::up)
+            return;
+    }
+    request_subscriptions("unsubscribe", std::move(paths));
+}
+
+void connection::watch(std::string prefix, std::size_t max_nodes,
+                       std::shared_ptr<device_handler_tree_watcher> watcher) {
+    const std::uint64_t id = next_watch_id.fetch_add(1, std::memory_order_relaxed);
+    {
+        const std::lock_guard lock(mutex_);
+        watches_.push_back({id, prefix, std::move(watcher)});
+        if (state_ == state::up)
+            listen_for_events_locked();
+    }
+    send(std::make_shared<watch_request>(id, std::move(prefix), max_nodes, weak_from_this()));
+}
+
+void connection::unwatch(const std::shared_ptr<device_handler_tree_watcher>& watcher) {
+    std::set<std::string> prefixes;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const watched_tree& each : watches_) {
+            if (each.watcher == watcher)
+                prefixes.insert(each.prefix);
+        }
+        std::erase_if(watches_, [&](const watched_tree& w) { return w.watcher == watcher; });
+        for (const watched_tree& each : watches_)
+            prefixes.erase(each.prefix);
+        if (state_ != state::up)
+            return;
+    }
+    for (const std::string& prefix : prefixes)
+        send(std::make_shared<unwatch_request>(prefix));
+}
+
+void connection::renew_subscriptions() {
+    std::vector<std::string> paths;
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_ != state::up)
+            return;
+        for (auto& [path, subscribed] : subscriptions_) {
+            for (subscription& each : subscribed)
+                each.awaits_first_event = true;
+            paths.push_back(path);
+        }
+        if (!paths.empty())
+            listen_for_events_locked();
+    }
+    request_subscriptions("subscribe", std::move(paths));
+}
+
+void connection::request_subscriptions(const char* method, std::vector<std::string> paths) {
+    for (std::size_t begin = 0; begin < paths.size(); begin += wire::max_entries) {
+        const std::size_t end = std::min(begin + wire::max_entries, paths.size());
+        const auto first = paths.begin() + static_cast<std::ptrdiff_t>(begin);
+        const auto last = paths.begin() + static_cast<std::ptrdiff_t>(end);
+        send(std::make_shared<subscribe_request>(method, std::vector<std::string>(first, last),
+                                                 weak_from_this()));
+    }
+}
+
+void connection::listen_for_events_locked() {
+    const bool awaits_events = !subscriptions_.empty() || !watches_.empty();
+    if (link_ && awaits_events)
+        library_threads::instance().serve_when_readable(link_->socket, shared_from_this());
+}
