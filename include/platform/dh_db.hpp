@@ -43,7 +43,7 @@ class dh_event {
     void add(std::string_view key, const T& member) {
         json::add(members_, key, member, memory_);
     }
-    void add(std::string_view key, json::value member) {
+    void add(std::string_view key, json::value&& member) {
         json::add(members_, key, std::move(member), memory_);
     }
     json::value& members() { return members_; }
@@ -189,6 +189,7 @@ class dh_db {
     // Takes the node out and ends its subscriptions. False where there is none.
     bool remove_node(std::string_view path);
 
+    bool contains(std::string_view path) const;
     // Throws dh_error -2 where there is no node at the path.
     std::shared_ptr<dh_db_leaf_node> find_leaf_node(std::string_view path) const;
 

@@ -25,8 +25,9 @@ struct dh_client_exception {
     std::string message;
 };
 
-// Codes of errors that the server adds to those of nodes.
+// Codes of errors that the libraries add to those of nodes.
 namespace dh_error_code {
+inline constexpr int handler_not_available = 11;
 inline constexpr int unknown = -1;
 inline constexpr int no_such_path = -2;
 inline constexpr int invalid_argument = -22;

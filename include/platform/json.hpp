@@ -80,6 +80,9 @@ value from(long long, allocator&);
 value from(float, allocator&);
 value from(double, allocator&);
 value from(std::string_view, allocator&);
+inline value from(const value& other, allocator& memory) {
+    return {other, memory};
+}
 inline value from(const std::string& text, allocator& memory) {
     return from(std::string_view(text), memory);
 }
@@ -88,7 +91,7 @@ inline value from(const char* text, allocator& memory) {
 }
 
 // Adds a member to an object, copying the key.
-void add(value& object, std::string_view key, value member, allocator&);
+void add(value& object, std::string_view key, value&& member, allocator&);
 
 template <class T>
 void add(value& object, std::string_view key, const T& member, allocator& memory) {

@@ -225,6 +225,11 @@ bool dh_db::remove_node(std::string_view path) {
     return true;
 }
 
+bool dh_db::contains(std::string_view path) const {
+    const std::shared_lock lock(tree_mutex_);
+    return nodes_.contains(wire::without_leading_slash(path));
+}
+
 std::shared_ptr<dh_db_leaf_node> dh_db::find_leaf_node(std::string_view path) const {
     path = wire::without_leading_slash(path);
     const std::shared_lock lock(tree_mutex_);

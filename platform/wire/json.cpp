@@ -169,7 +169,7 @@ value from(std::string_view v, allocator& memory) {
     return is_utf8(v) ? text_value(v, memory) : text_value(as_utf8(v), memory);
 }
 
-void add(value& object, std::string_view key, value member, allocator& memory) {
+void add(value& object, std::string_view key, value&& member, allocator& memory) {
     object.AddMember(text_value(key, memory), member, memory);
 }
 
