@@ -2,6 +2,7 @@
 
 #include "board.hpp"
 #include "host.hpp"
+#include "module_mirror.hpp"
 #include "msg_log.hpp"
 #include "rest_client.hpp"
 
@@ -64,9 +65,8 @@ std::shared_ptr<control_loop_main> control_loop_main::create(
     std::shared_ptr<device_handler_connection_subscriber> subscriber,
     std::shared_ptr<device_handler_client> wss_edge_client,
     std::shared_ptr<device_handler_client> booster_client) {
-    const auto system_info_client = device_handler_client::create(
-        "/tmp/device_handlers/system_info", "system info", subscriber);
-    proxy->clients.push_back(system_info_client);
+    const auto system_info_client = create_supervised_client(
+        *proxy, "/tmp/device_handlers/system_info", "system info", subscriber);
     auto loop = std::make_shared<control_loop_main>(proxy, wss_edge_client,
                                                     std::move(booster_client), system_info_client);
     const unsigned loops = has_two_loops() ? 2 : 1;

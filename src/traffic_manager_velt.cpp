@@ -1,10 +1,13 @@
 #include "traffic_manager_velt.hpp"
 
 #include "board.hpp"
+#include "connection_listener.hpp"
 #include "host.hpp"
 #include "msg_log.hpp"
 
+#include <algorithm>
 #include <chrono>
+#include <future>
 
 using namespace std::chrono_literals;
 
@@ -15,6 +18,8 @@ constexpr char monitoring_channel[] = "tm_velt_monitoring";
 
 constexpr auto monitoring_limit = 90s;
 constexpr auto readiness_pause = 1s;
+// Between the end of a module's work and the end of its mirror.
+constexpr auto disconnect_pause = 10ms;
 
 // What holds on a card whose settings were never changed.
 constexpr unsigned default_max_channels = 40;
@@ -26,22 +31,14 @@ bool has_control_loop() {
     return board.is_velt_t47() || board.is_velt_mx47();
 }
 
-// A handler that cannot be asked is not ready.
-bool has_config_status(device_handler_client& client) {
-    try {
-        return client.get<bool>("data/configStatus", false);
-    } catch (const dh_client_exception&) {
-        return false;
-    }
-}
-
 }  // namespace
 
 traffic_manager_velt::traffic_manager_velt(dh_db& db)
     : db_(db), proxy_(std::make_shared<dh::util::proxy>(db, &mutex_)) {}
 
 void traffic_manager_velt::start() {
-    proxy_->excluded_prefixes.insert("/debug/");
+    listener_ = std::make_shared<connection_listener>(shared_from_this());
+    proxy_->exclude("/debug/");
     publish_own_nodes();
     start_modules();
     monitor_readiness();
@@ -68,6 +65,8 @@ void traffic_manager_velt::start_modules() {
     start_booster();
     MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting WSS-EDGE.";
     start_wss_edge();
+    MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting OSC.";
+    start_osc();
     if (has_control_loop()) {
         MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting controlloop.";
         start_control_loop();
@@ -76,23 +75,40 @@ void traffic_manager_velt::start_modules() {
     }
 }
 
+template <class Module>
+void traffic_manager_velt::mirror_while_connected(const std::shared_ptr<Module>& module) {
+    const auto client = module->client();
+    listener_->on_established(client->name(), [proxy = proxy_, module, client] {
+        proxy->subscribe_path(client, "");
+        module->on_connect();
+    });
+    listener_->on_lost(client->name(), [proxy = proxy_, module, client] {
+        module->on_disconnect();
+        host::time().sleep(disconnect_pause);
+        proxy->unsubscribe_path(client, "");
+    });
+}
+
 void traffic_manager_velt::start_booster() {
-    booster_client_ = create_client("/tmp/device_handlers/booster", "booster");
+    booster_ = booster::create(proxy_, listener_);
+    mirror_while_connected(booster_);
 }
 
 void traffic_manager_velt::start_wss_edge() {
-    wss_edge_client_ = create_client("/tmp/device_handlers/wss_edge", "wss_edge");
+    wss_edge_ = wss_edge::create(proxy_, listener_);
+    mirror_while_connected(wss_edge_);
 }
 
-std::shared_ptr<device_handler_client> traffic_manager_velt::create_client(
-    const std::string& unix_path, const std::string& name) {
-    auto client = device_handler_client::create(unix_path, name, {});
-    proxy_->clients.push_back(client);
-    return client;
+void traffic_manager_velt::start_osc() {
+    for (unsigned index = 0; index < oscs_.size(); ++index) {
+        oscs_[index] = osc::create(index, proxy_, listener_);
+        mirror_while_connected(oscs_[index]);
+    }
 }
 
 void traffic_manager_velt::start_control_loop() {
-    control_loop_ = control_loop_main::create(proxy_, nullptr, wss_edge_client_, booster_client_);
+    control_loop_ =
+        control_loop_main::create(proxy_, listener_, wss_edge_->client(), booster_->client());
     control_loop_->create_paths();
 }
 
@@ -130,7 +146,8 @@ void traffic_manager_velt::wait_until_ready() const {
 }
 
 bool traffic_manager_velt::is_ready() const {
-    if (!has_config_status(*booster_client_))
-        return false;
-    return device_tree_lib::instance().is_velt_k47() || has_config_status(*wss_edge_client_);
+    return booster_->is_ready() &&
+           std::all_of(oscs_.begin(), oscs_.end(),
+                       [](const auto& osc) { return osc->is_ready(); }) &&
+           (device_tree_lib::instance().is_velt_k47() || wss_edge_->is_ready());
 }

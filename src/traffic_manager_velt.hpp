@@ -2,11 +2,14 @@
 // starts them in their order.
 #pragma once
 
+#include "booster.hpp"
 #include "control_loop.hpp"
 #include "dh_proxy.hpp"
+#include "osc.hpp"
+#include "wss_edge.hpp"
 
+#include <array>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 
@@ -23,6 +26,8 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     // Always 0; a call that hangs shows that somebody holds the main mutex.
     unsigned mutex_status();
 
+    class connection_listener;
+
   private:
     using config_status_node = dh::api::status_value<bool, std::greater<bool>>;
 
@@ -30,10 +35,11 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     void start_modules();
     void start_booster();
     void start_wss_edge();
+    void start_osc();
     void start_control_loop();
     void update_using_configuration_parameters();
-    std::shared_ptr<device_handler_client> create_client(const std::string& unix_path,
-                                                         const std::string& name);
+    template <class Module>
+    void mirror_while_connected(const std::shared_ptr<Module>& module);
 
     void monitor_readiness();
     void wait_until_ready() const;
@@ -44,7 +50,9 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     std::mutex mutex_;  // the program's main mutex
     std::shared_ptr<config_status_node> config_status_;
     std::shared_ptr<dh::util::proxy> proxy_;
-    std::shared_ptr<device_handler_client> booster_client_;
-    std::shared_ptr<device_handler_client> wss_edge_client_;
+    std::shared_ptr<connection_listener> listener_;
+    std::shared_ptr<booster> booster_;
+    std::shared_ptr<wss_edge> wss_edge_;
+    std::array<std::shared_ptr<osc>, 2> oscs_;
     std::shared_ptr<control_loop_main> control_loop_;
 };

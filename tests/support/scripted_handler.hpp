@@ -1,9 +1,10 @@
 // A device handler made in a test: serves what the test lays down, over a real
 // unix socket, and remembers what it was asked for.
 //
-// It knows the methods read and write, and answers any other with -32601. It
-// has nothing in common with the server library, so the client is tested
-// against the protocol and not against itself.
+// It knows the methods read, write, subscribe, unsubscribe and watch (of the
+// whole tree, which never changes), and answers any other with -32601. It has
+// nothing in common with the server library, so the client is tested against
+// the protocol and not against itself.
 #pragma once
 
 #include "host.hpp"
@@ -23,6 +24,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -57,9 +59,10 @@ class scripted_handler {
             set_json(path, json::to_text(json::from(value, memory.GetAllocator())));
     }
     // The same, as JSON text: for values of a wrong type.
-    void set_json(const std::string& path, std::string text) {
+    void set_json(const std::string& path, const std::string& text) {
         const std::lock_guard lock(mutex_);
-        answers_[path] = R"({"value":)" + std::move(text) + "}";
+        answers_[path] = value_object(text);
+        send_value_event(path, text);
     }
     // A read of the path answers this error. Without anything laid down it is -2.
     void set_error(const std::string& path, int code, const std::string& message) {
@@ -75,7 +78,7 @@ class scripted_handler {
         const auto found = answers_.find(path);
         if (found == answers_.end())
             return std::nullopt;
-        return found->second.substr(9, found->second.size() - 10);
+        return json_text(found->second);
     }
 
     // A write to the path fails with this error and changes nothing.
@@ -175,7 +178,7 @@ class scripted_handler {
             ::poll(waiting.data(), waiting.size(), -1);
             for (std::size_t i = sessions.size(); i-- > 0;) {
                 if (waiting[i + 1].revents != 0 && !serve_session(sessions[i])) {
-                    ::close(sessions[i].socket);
+                    end_session(sessions[i].socket);
                     sessions.erase(sessions.begin() + static_cast<std::ptrdiff_t>(i));
                 }
             }
@@ -186,7 +189,15 @@ class scripted_handler {
             }
         }
         for (const session& one : sessions)
-            ::close(one.socket);
+            end_session(one.socket);
+    }
+
+    void end_session(int socket) {
+        {
+            const std::lock_guard lock(mutex_);
+            subscriptions_.erase(socket);
+        }
+        ::close(socket);
     }
 
     bool is_stopping() const {
@@ -202,7 +213,7 @@ class scripted_handler {
             return false;
         one.received.append(bytes, static_cast<std::size_t>(length));
         for (std::size_t end; (end = one.received.find('\n')) != std::string::npos;) {
-            const std::string reply = answer(one.received.substr(0, end)) + "\n";
+            const std::string reply = answer(one, one.received.substr(0, end)) + "\n";
             one.received.erase(0, end + 1);
             if (!wait_for_the_answer())
                 return false;
@@ -218,7 +229,7 @@ class scripted_handler {
         return !stopped_.wait_for(lock, delay_, [this] { return stopping_; });
     }
 
-    std::string answer(const std::string& line) {
+    std::string answer(const session& one, const std::string& line) {
         json::document request;
         request.Parse(line.data(), line.size());
         const json::value* const id = json::find(request, "id");
@@ -229,7 +240,77 @@ class scripted_handler {
         const std::string name = method != nullptr ? json::to<std::string>(*method) : "";
         if (name == "read" || name == "write")
             return head + result_of(name, *params) + "}";
+        if (name == "watch")
+            return head + R"("result":{"nodes":[)" + listing() + "]}}";
+        if (name == "subscribe" || name == "unsubscribe")
+            return head + R"("result":[)" + subscriptions(one.socket, name, *params) + "]}";
         return head + R"("error":{"code":-32601,"message":"unknown method"}})";
+    }
+
+    // Each value as a node that can be read and subscribed to.
+    std::string listing() const {
+        const std::lock_guard lock(mutex_);
+        std::string nodes;
+        for (const auto& [path, answer] : answers_) {
+            const auto type = value_type_of(answer);
+            if (!type)
+                continue;
+            nodes += nodes.empty() ? "" : ",";
+            nodes += R"({"path":")" + path + R"(","info":{"valueType":")" + *type +
+                     R"(","capabilities":{"read":true,"subscribe":true}}})";
+        }
+        return nodes;
+    }
+
+    static std::optional<std::string> value_type_of(const std::string& answer) {
+        json::document entry;
+        entry.Parse(answer.data(), answer.size());
+        const json::value* const value = json::find(entry, "value");
+        if (value == nullptr)
+            return std::nullopt;
+        if (value->IsBool())
+            return "bool";
+        if (value->IsInt())
+            return "int";
+        return value->IsNumber() ? "float" : "string";
+    }
+
+    std::string subscriptions(int socket, const std::string& name, const json::value& params) {
+        const std::lock_guard lock(mutex_);
+        std::string result;
+        for (const json::value& entry : json::find(params, "paths")->GetArray()) {
+            const std::string path = entry.GetString();
+            const auto found = answers_.find(path);
+            result += result.empty() ? "" : ",";
+            if (found == answers_.end()) {
+                result += error_object(-2, "No such path: " + path);
+            } else if (name == "subscribe") {
+                subscriptions_[socket].insert(path);
+                result += found->second;
+                if (value_type_of(found->second))
+                    send_event(socket, path, json_text(found->second), true);
+            } else {
+                subscriptions_[socket].erase(path);
+                result += "{}";
+            }
+        }
+        return result;
+    }
+
+    // With `mutex_` held.
+    void send_value_event(const std::string& path, const std::string& text) const {
+        for (const auto& [socket, paths] : subscriptions_) {
+            if (paths.contains(path))
+                send_event(socket, path, text, false);
+        }
+    }
+
+    static void send_event(int socket, const std::string& path, const std::string& text,
+                           bool is_first) {
+        const std::string line =
+            R"({"jsonrpc":"2.0","method":"event","params":{"event":"value","path":")" + path +
+            R"(","time":1,"value":)" + text + (is_first ? R"(,"initial":true)" : "") + "}}\n";
+        ::send(socket, line.data(), line.size(), MSG_NOSIGNAL);
     }
 
     // The reply's member "result" or "error".
@@ -268,9 +349,19 @@ class scripted_handler {
         asked += path + "=" + value;
         if (const auto found = write_answers_.find(path); found != write_answers_.end())
             return found->second;
-        if (request_error_.empty())
-            answers_[path] = R"({"value":)" + value + "}";
+        if (request_error_.empty()) {
+            answers_[path] = value_object(value);
+            send_value_event(path, value);
+        }
         return "{}";
+    }
+
+    // The entry of a read's result, and the value in it, as JSON texts.
+    static std::string value_object(const std::string& value) {
+        return R"({"value":)" + value + "}";
+    }
+    static std::string json_text(const std::string& object) {
+        return object.substr(9, object.size() - 10);
     }
 
     static std::string error_object(int code, const std::string& message) {
@@ -284,8 +375,9 @@ class scripted_handler {
     mutable std::mutex mutex_;
     std::condition_variable stopped_;
     bool stopping_ = false;
-    std::map<std::string, std::string> answers_;        // the entry of a read's result
-    std::map<std::string, std::string> write_answers_;  // that of a write, where it is not {}
+    std::map<std::string, std::string> answers_;          // the entry of a read's result
+    std::map<int, std::set<std::string>> subscriptions_;  // by socket
+    std::map<std::string, std::string> write_answers_;    // that of a write, where it is not {}
     std::string request_error_;
     std::chrono::milliseconds delay_{0};
     std::vector<std::string> requests_;

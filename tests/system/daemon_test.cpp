@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -56,14 +57,24 @@ class Daemon : public testing::Test {
         return {{"VELT_ROOT", test::root()}, {"VELT_TIME_SCALE", time_scale}};
     }
 
-    // Handlers that let a T47 card start.
-    void become_ready_t47() {
-        test::put_board("velt,t47");
-        wss_.emplace("/tmp/device_handlers/wss_edge");
+    // Handlers that let a card without a control loop start.
+    void become_ready_k47() {
+        test::put_board("velt,k47");
         booster_.emplace("/tmp/device_handlers/booster");
-        wss_->set("data/configStatus", true);
         booster_->set("data/configStatus", true);
         booster_->set("data/enable", false);
+        for (const unsigned number : {0U, 1U}) {
+            oscs_[number].emplace("/tmp/device_handlers/osc" + std::to_string(number + 1));
+            oscs_[number]->set("data/configStatus", true);
+        }
+    }
+
+    // Handlers that let a T47 card start.
+    void become_ready_t47() {
+        become_ready_k47();
+        test::put_board("velt,t47");
+        wss_.emplace("/tmp/device_handlers/wss_edge");
+        wss_->set("data/configStatus", true);
     }
 
     bool eventually_logs(const std::string& text) {
@@ -86,6 +97,7 @@ class Daemon : public testing::Test {
 
     std::optional<test::scripted_handler> wss_;
     std::optional<test::scripted_handler> booster_;
+    std::array<std::optional<test::scripted_handler>, 2> oscs_;
     std::optional<test::process> process_;
 };
 
@@ -119,8 +131,7 @@ TEST_F(Daemon, ServesItsOwnStateWhileTheHandlersAreAbsent) {
 }
 
 TEST_F(Daemon, GetsReadyWithoutTheBoosterOnceNinetySecondsAreOver) {
-    test::put_board("velt,k47");
-    booster_.emplace("/tmp/device_handlers/booster");
+    become_ready_k47();
     booster_->set("data/configStatus", false);
     start({}, "60");
     EXPECT_TRUE(eventually_logs(
@@ -151,19 +162,18 @@ TEST_F(Daemon, StartsItsModulesInThisOrder) {
     ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
     EXPECT_THAT(texts_of_channel("6 tm_velt_startup"),
                 testing::ElementsAre("msg: Starting Booster.", "msg: Starting WSS-EDGE.",
-                                     "msg: Starting controlloop.",
+                                     "msg: Starting OSC.", "msg: Starting controlloop.",
                                      "msg: Updating using config parameters."));
 }
 
 TEST_F(Daemon, AmplifierCardNeedsNoWssEdgeAndHasNoControlLoop) {
-    test::put_board("velt,k47");
-    booster_.emplace("/tmp/device_handlers/booster");
-    booster_->set("data/configStatus", true);
+    become_ready_k47();
     start();
     EXPECT_TRUE(eventually_logs("msg: Traffic manager initialized"));
     EXPECT_FALSE(process_->has_logged("is not ready within"));
     EXPECT_THAT(texts_of_channel("6 tm_velt_startup"),
-                testing::ElementsAre("msg: Starting Booster.", "msg: Starting WSS-EDGE."));
+                testing::ElementsAre("msg: Starting Booster.", "msg: Starting WSS-EDGE.",
+                                     "msg: Starting OSC."));
 }
 
 TEST_F(Daemon, WaitsForTheWssEdgeOfACardThatHasOne) {
@@ -171,6 +181,14 @@ TEST_F(Daemon, WaitsForTheWssEdgeOfACardThatHasOne) {
     wss_->set("data/configStatus", false);
     start({}, "60");
     EXPECT_TRUE(eventually_logs("msg: Traffic manager is not ready within 90 seconds."));
+}
+
+TEST_F(Daemon, WaitsForBothSupervisoryChannels) {
+    become_ready_k47();
+    oscs_[1].reset();
+    start({}, "60");
+    EXPECT_TRUE(eventually_logs("msg: Traffic manager is not ready within 90 seconds."));
+    EXPECT_TRUE(eventually_logs("msg: Traffic manager initialized"));
 }
 
 TEST_F(Daemon, GetsReadyWhenALateHandlerDoes) {

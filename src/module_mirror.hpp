@@ -1,0 +1,17 @@
+// What the objects that stand for a device handler have in common.
+#pragma once
+
+#include "dh_proxy.hpp"
+
+#include <memory>
+#include <string>
+
+// A client of a device handler whose connection events go to the subscriber.
+// The proxy knows it by its name.
+std::shared_ptr<device_handler_client> create_supervised_client(
+    dh::util::proxy& proxy, const std::string& unix_path, const std::string& name,
+    const std::shared_ptr<device_handler_connection_subscriber>& subscriber);
+
+// Whether the module mirrored under `name` says that its configuration is
+// done. False as long as nothing is mirrored.
+bool has_config_status(dh::util::proxy& proxy, const std::string& name);
