@@ -3,6 +3,7 @@
 #pragma once
 
 #include "dh_db.hpp"
+#include "dh_interposer.hpp"
 
 #include <memory>
 #include <string>
@@ -20,7 +21,9 @@ class dh_server {
     // `name` is what the method `version` answers. Throws std::system_error
     // where somebody is listening on the unix path already; a stale socket file
     // is replaced, and missing folders are made. The path is taken as it is.
-    dh_server(std::string name, const std::string& unix_path, server_limits limits = {});
+    // Where there is an interposer, it outlives the server.
+    dh_server(std::string name, const std::string& unix_path, server_limits limits = {},
+              dh_interposer* interposer = nullptr);
     ~dh_server();
     dh_server(const dh_server&) = delete;
     dh_server& operator=(const dh_server&) = delete;
@@ -33,6 +36,10 @@ class dh_server {
 
     // Tells all subscribers that the server ends, and gives up the unix path.
     void announce_end();
+
+    // Closes all sockets without a word and gives up the unix path, as the end
+    // of a process that was killed does. Nothing is left then but to destroy.
+    void break_off();
 
     class implementation;
 

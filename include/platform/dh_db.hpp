@@ -34,6 +34,9 @@ class dh_session {
     virtual void send_event(std::shared_ptr<const std::string> line) = 0;
 };
 
+// An error as a value that goes over the wire: {"code", "message"}.
+json::value as_json(const dh_error&, json::allocator&);
+
 // The members of an event on its way to clients.
 class dh_event {
   public:

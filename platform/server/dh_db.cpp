@@ -17,6 +17,13 @@ std::shared_ptr<const std::string> shared_line(const dh_event& event) {
 
 }  // namespace
 
+json::value as_json(const dh_error& error, json::allocator& memory) {
+    json::value object(rapidjson::kObjectType);
+    json::add(object, "code", error.code, memory);
+    json::add(object, "message", error.message, memory);
+    return object;
+}
+
 dh_event::dh_event(std::string_view kind, std::string_view path) {
     add("event", kind);
     add("path", path);
@@ -142,10 +149,7 @@ void dh_db_event_node::send_event_to_session_impl(dh_event& event, bool repeat,
 
 void dh_db_event_node::send_error_event(const dh_error& error) {
     dh_event event("error", get_path(0));
-    json::value detail(rapidjson::kObjectType);
-    json::add(detail, "code", error.code, event.memory());
-    json::add(detail, "message", error.message, event.memory());
-    event.add("error", std::move(detail));
+    event.add("error", as_json(error, event.memory()));
     send_to_subscribers(event, false);
 }
 

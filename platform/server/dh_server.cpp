@@ -45,11 +45,13 @@ struct interface_listener {
 // at first. Each session has a thread of its own.
 class dh_server::implementation {
   public:
-    implementation(dh_db& db, std::string name, const std::string& unix_path, server_limits limits);
+    implementation(dh_db& db, std::string name, const std::string& unix_path, server_limits limits,
+                   dh_interposer* interposer);
     ~implementation();
 
     void listen_on_interface(const std::string& interface, unsigned port);
     void announce_end();
+    void break_off();
 
   private:
     struct client {
@@ -57,7 +59,10 @@ class dh_server::implementation {
         std::thread thread;
     };
 
+    void close_sessions();
     void run();
+    bool is_stopping();
+    bool has_interfaces();
     void handle(std::uint64_t id);
     void accept_from(const listener& open);
     void start_session(int socket);
@@ -79,6 +84,7 @@ class dh_server::implementation {
     const std::string name_;
     const std::string unix_path_;
     const server_limits limits_;
+    dh_interposer* const interposer_;
     listener unix_listener_;
     const int poll_;
     const int wake_;
@@ -94,11 +100,12 @@ class dh_server::implementation {
 };
 
 dh_server::implementation::implementation(dh_db& db, std::string name, const std::string& unix_path,
-                                          server_limits limits)
+                                          server_limits limits, dh_interposer* interposer)
     : db_(db),
       name_(std::move(name)),
       unix_path_(unix_path),
       limits_(limits),
+      interposer_(interposer),
       unix_listener_(listener::on_unix_path(unix_path)),
       poll_(::epoll_create1(EPOLL_CLOEXEC)),
       wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -109,12 +116,10 @@ dh_server::implementation::implementation(dh_db& db, std::string name, const std
 
 dh_server::implementation::~implementation() {
     announce_end();
-    {
-        const std::lock_guard lock(mutex_);
-        stopping_ = true;
-        for (auto& [id, its_client] : clients_)
-            its_client.its_session->close();
-    }
+    close_sessions();
+    // Sessions that are closed execute nothing more when they go on.
+    if (interposer_ != nullptr)
+        interposer_->release();
     wake();
     thread_.join();
     for (;;) {
@@ -146,6 +151,18 @@ void dh_server::implementation::announce_end() {
     ::unlink(unix_path_.c_str());
 }
 
+void dh_server::implementation::break_off() {
+    close_sessions();
+    ::unlink(unix_path_.c_str());
+}
+
+void dh_server::implementation::close_sessions() {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    for (auto& [id, its_client] : clients_)
+        its_client.its_session->close();
+}
+
 void dh_server::implementation::add_to_poll(int socket, std::uint64_t id) {
     epoll_event interest{};
     interest.events = EPOLLIN;
@@ -161,17 +178,14 @@ void dh_server::implementation::wake() {
 void dh_server::implementation::run() {
     auto next_interface_check = std::chrono::steady_clock::now();
     for (;;) {
-        bool has_interfaces = false;
-        {
-            const std::lock_guard lock(mutex_);
-            if (stopping_)
-                return;
-            has_interfaces = !interfaces_.empty();
-        }
         std::array<epoll_event, 16> events{};
-        const int timeout = has_interfaces ? static_cast<int>(interface_retry.count()) : -1;
+        const int timeout = has_interfaces() ? static_cast<int>(interface_retry.count()) : -1;
         const int count =
             ::epoll_wait(poll_, events.data(), static_cast<int>(events.size()), timeout);
+        if (interposer_ != nullptr)
+            interposer_->before_service();
+        if (is_stopping())
+            return;
         for (int i = 0; i < count; ++i)
             handle(events[static_cast<std::size_t>(i)].data.u64);
         join_ended_sessions();
@@ -180,6 +194,16 @@ void dh_server::implementation::run() {
             next_interface_check = std::chrono::steady_clock::now() + interface_retry;
         }
     }
+}
+
+bool dh_server::implementation::is_stopping() {
+    const std::lock_guard lock(mutex_);
+    return stopping_;
+}
+
+bool dh_server::implementation::has_interfaces() {
+    const std::lock_guard lock(mutex_);
+    return !interfaces_.empty();
 }
 
 void dh_server::implementation::handle(std::uint64_t id) {
@@ -226,7 +250,11 @@ void dh_server::implementation::accept_from(const listener& open) {
 
 void dh_server::implementation::start_session(int socket) {
     const std::lock_guard lock(mutex_);
-    if (stopping_ || clients_.size() >= limits_.sessions) {
+    if (stopping_) {
+        ::close(socket);
+        return;
+    }
+    if (clients_.size() >= limits_.sessions) {
         [[maybe_unused]] const ssize_t sent =
             ::send(socket, too_many_sessions.data(), too_many_sessions.size(),
                    MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -234,8 +262,9 @@ void dh_server::implementation::start_session(int socket) {
         return;
     }
     const std::uint64_t id = next_id_++;
-    auto made = std::make_shared<session>(socket, db_, name_, limits_,
-                                          [this, id, socket] { await_writable(id, socket); });
+    auto made = std::make_shared<session>(
+        socket, db_, name_, limits_, [this, id, socket] { await_writable(id, socket); },
+        interposer_);
     try {
         std::thread thread([this, id, made] {
             made->run();
@@ -327,8 +356,10 @@ void dh_server::implementation::open_interface(interface_listener& wanted) {
     }
 }
 
-dh_server::dh_server(std::string name, const std::string& unix_path, server_limits limits)
-    : implementation_(std::make_unique<implementation>(db_, std::move(name), unix_path, limits)) {}
+dh_server::dh_server(std::string name, const std::string& unix_path, server_limits limits,
+                     dh_interposer* interposer)
+    : implementation_(
+          std::make_unique<implementation>(db_, std::move(name), unix_path, limits, interposer)) {}
 
 dh_server::~dh_server() = default;
 
@@ -342,4 +373,8 @@ void dh_server::listen_on_interface(const std::string& interface, unsigned port)
 
 void dh_server::announce_end() {
     implementation_->announce_end();
+}
+
+void dh_server::break_off() {
+    implementation_->break_off();
 }

@@ -6,8 +6,12 @@
 #include <unordered_set>
 #include <utility>
 
-outbox::outbox(int socket, std::size_t limit, std::function<void()> await_writable)
-    : socket_(socket), limit_(limit), await_writable_(std::move(await_writable)) {}
+outbox::outbox(int socket, std::size_t limit, std::function<void()> await_writable,
+               const dh_interposer* interposer)
+    : socket_(socket),
+      limit_(limit),
+      await_writable_(std::move(await_writable)),
+      interposer_(interposer) {}
 
 void outbox::push_value_event(const std::string& path, std::shared_ptr<const std::string> line) {
     const std::lock_guard lock(mutex_);
@@ -53,7 +57,7 @@ void outbox::push_event_locked(entry&& waiting) {
 
 std::size_t outbox::send_some(std::string_view bytes) {
     std::size_t sent = 0;
-    while (sent < bytes.size()) {
+    while (sent < bytes.size() && !is_held()) {
         const ssize_t result =
             ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (result > 0) {
@@ -121,7 +125,7 @@ bool outbox::wait_for_client(bool all, std::chrono::milliseconds patience) {
         const std::uint64_t sent_before = sent_total_;
         const bool moved = progress_.wait_for(
             lock, patience, [&] { return ready() || sent_total_ != sent_before; });
-        if (!moved)
+        if (!moved && !is_held())
             break_locked();
     }
     return !broken_;

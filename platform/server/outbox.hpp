@@ -1,6 +1,8 @@
 // What a session has still to be sent.
 #pragma once
 
+#include "dh_interposer.hpp"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -17,8 +19,9 @@ class outbox {
   public:
     // `await_writable` is called when lines wait; `flush` is then to be called
     // once the socket can take more. `limit` bounds the events that wait, and
-    // separately the replies, in bytes.
-    outbox(int socket, std::size_t limit, std::function<void()> await_writable);
+    // separately the replies, in bytes. An interposer may be null.
+    outbox(int socket, std::size_t limit, std::function<void()> await_writable,
+           const dh_interposer* interposer);
 
     // A newer value event of a path replaces those that wait, once the limit is
     // passed. Where the events are over the limit all the same the box breaks.
@@ -30,7 +33,7 @@ class outbox {
 
     // Waits until the waiting replies are below the limit, or, with `all`,
     // until nothing waits. Breaks the box where the client takes nothing for
-    // `patience`. False where the box is broken.
+    // `patience`, unless it is offered nothing. False where the box is broken.
     bool wait_for_client(bool all, std::chrono::milliseconds patience);
 
     // From now on nothing is sent, and the socket is shut down.
@@ -51,6 +54,7 @@ class outbox {
     void keep(entry&& waiting);
     void keep_only_newest_values();
     void break_locked();
+    bool is_held() const { return interposer_ != nullptr && interposer_->holds_output(); }
     std::size_t& bytes_of(const entry& waiting) {
         return waiting.what == kind::reply ? reply_bytes_ : event_bytes_;
     }
@@ -58,6 +62,7 @@ class outbox {
     const int socket_;
     const std::size_t limit_;
     const std::function<void()> await_writable_;
+    const dh_interposer* const interposer_;
 
     std::mutex mutex_;
     std::condition_variable progress_;

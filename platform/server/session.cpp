@@ -61,12 +61,13 @@ const json::value* prefix_of(const wire::request& request) {
 }  // namespace
 
 session::session(int socket, dh_db& db, const std::string& server_name, const server_limits& limits,
-                 std::function<void()> await_writable)
+                 std::function<void()> await_writable, dh_interposer* interposer)
     : socket_(socket),
       db_(db),
       server_name_(server_name),
       limits_(limits),
-      outbox_(socket, limits.unread_bytes, std::move(await_writable)) {}
+      interposer_(interposer),
+      outbox_(socket, limits.unread_bytes, std::move(await_writable), interposer) {}
 
 session::~session() {
     ::close(socket_);
@@ -104,6 +105,10 @@ bool session::receive() {
 
 void session::execute_received_lines() {
     while (const auto line = lines_.next()) {
+        if (interposer_ != nullptr) {
+            send_finished_replies();
+            interposer_->before_request();
+        }
         // What the client does not take holds up its own next request, and nothing else.
         if (!outbox_.wait_for_client(false, client_patience))
             return;
@@ -186,6 +191,8 @@ void session::end() {
 }
 
 void session::send_value_event(const std::string& path, std::shared_ptr<const std::string> line) {
+    if (interposer_ != nullptr)
+        line = interposed_event(path, std::move(line));
     outbox_.push_value_event(path, std::move(line));
 }
 
@@ -203,6 +210,36 @@ void session::announce_end() {
         event.add("reason", reason_server_ends);
         send_event(std::make_shared<const std::string>(wire::event_line(event.members())));
     }
+}
+
+// Passes the value of a reply by the interposer.
+void session::interpose(const dh_db_leaf_node& node, json::value& result) {
+    if (interposer_ != nullptr)
+        interposer_->replace_value(node.get_path(0), result[value_key], entry_memory_);
+}
+
+// Passes the value of a value event by the interposer.
+std::shared_ptr<const std::string> session::interposed_event(
+    const std::string& path, std::shared_ptr<const std::string> line) {
+    json::document message;
+    if (!wire::parse(*line, message))
+        return line;
+    json::value& event = message["params"];
+    json::allocator& memory = message.GetAllocator();
+    try {
+        if (!interposer_->replace_value(path, event[value_key], memory))
+            return line;
+    } catch (const dh_error& error) {
+        json::value shown = as_json(error, memory);
+        if (event.HasMember("initial")) {
+            event[value_key] = shown;
+        } else {
+            event["event"] = "error";
+            event.EraseMember(value_key);
+            json::add(event, "error", std::move(shown), memory);
+        }
+    }
+    return std::make_shared<const std::string>(wire::event_line(event));
 }
 
 std::shared_ptr<dh_db_leaf_node> session::find_node(std::string_view path) {
@@ -264,8 +301,10 @@ void session::read(const request& asked) {
     }
     answer_entries(asked, *paths, [this](const json::value& path, json::value& result) {
         const auto node = find_node(text_of(path));
-        if (!reply_is_too_large())
-            node->get(value_key, entry_memory_, result);
+        if (reply_is_too_large())
+            return;
+        node->get(value_key, entry_memory_, result);
+        interpose(*node, result);
     });
 }
 
@@ -279,10 +318,14 @@ void session::write(const request& asked) {
     answer_entries(asked, *items, [this](const json::value& item, json::value& result) {
         const auto node = find_node(text_of(*json::find(item, "path")));
         const json::value& value = *json::find(item, value_key);
-        if (node->write_returns_response())
-            node->run(value_key, value, entry_memory_, result);
-        else
+        if (interposer_ != nullptr)
+            interposer_->before_write(node->get_path(0));
+        if (!node->write_returns_response()) {
             node->set(value_key, value);
+            return;
+        }
+        node->run(value_key, value, entry_memory_, result);
+        interpose(*node, result);
     });
 }
 
@@ -298,9 +341,17 @@ void session::subscribe(const request& asked) {
 }
 
 void session::subscribe_to(dh_db_leaf_node& node, json::value& out) {
-    std::unique_lock lock(subscriptions_mutex_, std::defer_lock);
-    node.subscribe(shared_from_this(), value_key, entry_memory_, out, lock);
-    subscriptions_.insert_or_assign(node.get_path(0), node.weak_from_this());
+    {
+        std::unique_lock lock(subscriptions_mutex_, std::defer_lock);
+        node.subscribe(shared_from_this(), value_key, entry_memory_, out, lock);
+        subscriptions_.insert_or_assign(node.get_path(0), node.weak_from_this());
+    }
+    try {
+        interpose(node, out);
+    } catch (const dh_error& error) {
+        // As of a node in error, to which one can subscribe all the same.
+        out[value_key] = as_json(error, entry_memory_);
+    }
 }
 
 void session::unsubscribe(const request& asked) {

@@ -15,9 +15,9 @@
 
 class session final : public dh_session, public std::enable_shared_from_this<session> {
   public:
-    // Owns the socket. `await_writable` as in outbox.
+    // Owns the socket. `await_writable` as in outbox. An interposer may be null.
     session(int socket, dh_db& db, const std::string& server_name, const server_limits& limits,
-            std::function<void()> await_writable);
+            std::function<void()> await_writable, dh_interposer* interposer);
     ~session() override;
     session(const session&) = delete;
     session& operator=(const session&) = delete;
@@ -71,6 +71,9 @@ class session final : public dh_session, public std::enable_shared_from_this<ses
     void subscribe_to(dh_db_leaf_node&, json::value& out);
     void unsubscribe_from(std::string_view path);
     std::shared_ptr<dh_db_leaf_node> find_node(std::string_view path);
+    void interpose(const dh_db_leaf_node&, json::value& result);
+    std::shared_ptr<const std::string> interposed_event(const std::string& path,
+                                                        std::shared_ptr<const std::string> line);
     bool reply_is_too_large() const;
 
     void fail(const request&, int code, std::string_view message);
@@ -82,6 +85,7 @@ class session final : public dh_session, public std::enable_shared_from_this<ses
     dh_db& db_;
     const std::string& server_name_;
     const server_limits limits_;
+    dh_interposer* const interposer_;
     outbox outbox_;
 
     wire::line_splitter lines_{wire::max_request_line};
