@@ -12,9 +12,9 @@ namespace simulator {
 
 // What a handler is called, where it is reached (below "/tmp/device_handlers/"),
 // and how it fills its tree. `publish` makes the nodes, adds those that are
-// polled to the group, and returns the object that has to outlive the nodes'
-// use; null where there is none. It may be called again for a handler that
-// returns.
+// polled to the group, and returns the object that belongs to this tree: owner
+// of nodes, or what keeps them up to date; null where there is none. It may be
+// called again for a handler that returns.
 struct handler_plan {
     using publisher = std::function<std::shared_ptr<void>(dh_db&, dh::api::value_group&)>;
 
@@ -23,23 +23,35 @@ struct handler_plan {
     publisher publish;
 };
 
-// Serves the plan's tree from its construction to its destruction, which
-// removes the socket. The constructor throws as dh_server does.
+// Serves the plan's tree from its construction to its destruction, which tells
+// the subscribers and removes the socket. The constructor throws as dh_server
+// does.
 class handler {
   public:
-    handler(const handler_plan& plan, const std::string& root)
-        : server_(plan.name, root + "/tmp/device_handlers/" + plan.socket),
+    handler(const handler_plan& plan, const std::string& root, dh_interposer* interposer = nullptr)
+        : server_(plan.name, root + "/tmp/device_handlers/" + plan.socket, {}, interposer),
           group_(poll_period_ms, 0, 0) {
         owner_ = plan.publish(server_.db(), group_);
     }
 
+    // The owner goes while the tree is there, but no client any more.
+    ~handler() {
+        server_.announce_end();
+        server_.break_off();
+        owner_.reset();
+    }
+    handler(const handler&) = delete;
+    handler& operator=(const handler&) = delete;
+
+    // Ends as a killed process does: no subscriber is told. To be destroyed then.
+    void break_off() { server_.break_off(); }
+
   private:
     static constexpr unsigned poll_period_ms = 1000;
 
-    // Ended in reverse order: ticks, sessions, and then what both call.
-    std::shared_ptr<void> owner_;
     dh_server server_;
     dh::api::value_group group_;
+    std::shared_ptr<void> owner_;
 };
 
 }  // namespace simulator

@@ -1,0 +1,62 @@
+// One optical supervisory channel (OSC): the link to the far end of a span, as
+// its handler measures and reports it.
+#pragma once
+
+#include "optical_plant.hpp"
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace simulator {
+
+inline constexpr range fibre_length_range{0.0, 1000.0};          // km
+inline constexpr range fibre_dispersion_range{-50'000, 50'000};  // ps/nm
+
+struct osc_state {
+    std::string link_status = "up";
+    std::string state = "ready";
+    float length = 20.0F;       // of the span's fibre, km
+    float dispersion = 340.0F;  // of the span's fibre, ps/nm
+    // The far end's IPv6 address, "%", and the interface that leads there; empty
+    // as long as none is known.
+    std::string neighbour;
+};
+
+// Shows the state to somebody.
+class osc_display {
+  public:
+    virtual ~osc_display() = default;
+    virtual void show(const osc_state&) = 0;
+};
+
+// Any thread may call any member. A value out of its range is dh_error -22.
+class osc_link {
+  public:
+    std::string link_status() const;
+    void set_link_status(const std::string&);
+    std::string state() const;
+    void set_state(const std::string&);
+    float length() const;
+    void set_length(float);
+    float dispersion() const;
+    void set_dispersion(float);
+    std::string neighbour() const;
+    void set_neighbour(const std::string&);
+
+    // Shows the state on the display now and after each change, until `hide`
+    // has returned. There is one display at a time.
+    void show_on(osc_display&);
+    void hide();
+
+  private:
+    template <class Member, class Value>
+    void change(Member osc_state::*member, const Value& value);
+
+    mutable std::mutex
+        mutex_;  // held while the display shows, so that nothing is shown out of turn
+    osc_state now_;
+    osc_display* display_ = nullptr;
+};
+
+}  // namespace simulator
