@@ -70,6 +70,7 @@ class process {
     process(const process&) = delete;
     process& operator=(const process&) = delete;
 
+    pid_t id() const { return id_; }
     void signal(int number) const { ::kill(id_, number); }
 
     bool has_ended() {

@@ -1,0 +1,342 @@
+// Device handlers that die and come back under a daemon that is in use: nothing
+// of it is left behind. With VELT_HANDLER_RESTARTS the number of restarts of
+// each handler, for a longer run.
+#include "client_recorders.hpp"
+#include "device_handler_client.hpp"
+#include "eventually.hpp"
+#include "process.hpp"
+#include "test_root.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+using test::eventually;
+
+namespace {
+
+struct supervised_handler {
+    std::string name;    // on the simulated card, and of its socket
+    std::string client;  // in the daemon
+    bool is_mirrored;
+};
+
+const std::vector<supervised_handler> all_handlers{
+    {"booster", "booster", true}, {"wss_edge", "wss_edge", true},        {"osc1", "osc/1", true},
+    {"osc2", "osc/2", true},      {"system_info", "system info", false},
+};
+
+unsigned restarts_of_each() {
+    return static_cast<unsigned>(std::stoul(host::environment("VELT_HANDLER_RESTARTS", "5")));
+}
+
+// What a process holds, as the kernel counts it.
+struct holdings {
+    std::size_t descriptors;
+    std::size_t threads;
+    std::size_t resident_kb;
+};
+
+std::size_t entries_of(const std::filesystem::path& folder) {
+    const std::filesystem::directory_iterator entries(folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+holdings holdings_of(pid_t process) {
+    const std::filesystem::path folder = "/proc/" + std::to_string(process);
+    holdings found{entries_of(folder / "fd"), entries_of(folder / "task"), 0};
+    std::ifstream status(folder / "status");
+    for (std::string word; status >> word;) {
+        if (word == "VmRSS:")
+            status >> found.resident_kb;
+    }
+    return found;
+}
+
+std::shared_ptr<device_handler_client> client_of(const std::string& path) {
+    return device_handler_client::create(path, "test", {});
+}
+
+// Everything under the prefix that can be read now, as JSON texts by path.
+std::map<std::string, std::string> values_under(device_handler_client& client,
+                                                const std::vector<std::string>& paths) {
+    std::map<std::string, std::string> values;
+    constexpr std::size_t batch = 500;
+    for (std::size_t begin = 0; begin < paths.size(); begin += batch) {
+        json::document params(rapidjson::kObjectType);
+        json::value list(rapidjson::kArrayType);
+        const std::size_t end = std::min(begin + batch, paths.size());
+        for (std::size_t i = begin; i < end; ++i)
+            list.PushBack(json::from(paths[i], params.GetAllocator()), params.GetAllocator());
+        json::add(params, "paths", std::move(list), params.GetAllocator());
+        const json::document entries = client.call("read", params);
+        for (std::size_t i = begin; i < end; ++i)
+            values[paths[i]] = json::to_text(entries[static_cast<rapidjson::SizeType>(i - begin)]);
+    }
+    return values;
+}
+
+std::vector<std::string> paths_under(device_handler_client& client, const std::string& prefix) {
+    json::document params(rapidjson::kObjectType);
+    json::add(params, "prefix", prefix, params.GetAllocator());
+    const json::document listing = client.call("list", params);
+    std::vector<std::string> paths;
+    for (const json::value& node : listing["nodes"].GetArray())
+        paths.emplace_back(node["path"].GetString());
+    return paths;
+}
+
+// Writes and reads through the daemon for as long as it lives. A handler that
+// is away is answered for with an error.
+class management_user {
+  public:
+    management_user() : thread_([this] { run(); }) {}
+    ~management_user() {
+        stopping_ = true;
+        thread_.join();
+    }
+    management_user(const management_user&) = delete;
+    management_user& operator=(const management_user&) = delete;
+
+    unsigned rounds() const { return rounds_; }
+
+  private:
+    void run() {
+        const auto client = client_of("/tmp/device_managers/traffic_manager");
+        float gain = 20.0F;
+        while (!stopping_) {
+            gain = gain >= 24.0F ? 20.0F : gain + 0.5F;
+            answer([&] { client->set<void>("booster/config/gain", gain); });
+            answer([&] { client->get<double>("booster/data/powerLimit"); });
+            answer([&] { client->set<void>("control/config/5/wantedPower", gain - 20.0F); });
+            answer([&] { client->get<bool>("osc/2/data/configStatus"); });
+            answer([&] { client->get<std::string>("wss_edge/data/wss/channel/7/port"); });
+            ++rounds_;
+        }
+    }
+
+    template <class Call>
+    static void answer(const Call& call) {
+        try {
+            call();
+        } catch (const dh_client_exception& error) {
+            EXPECT_THAT(error.code, testing::AnyOf(11, -2)) << error.message;
+        }
+    }
+
+    std::atomic<bool> stopping_{false};
+    std::atomic<unsigned> rounds_{0};
+    std::thread thread_;
+};
+
+}  // namespace
+
+class HandlerRestarts : public testing::Test {
+  protected:
+    HandlerRestarts() {
+        test::empty_root();
+        const test::process::environment surroundings{{"VELT_ROOT", test::root()},
+                                                      {"VELT_TIME_SCALE", "50"}};
+        card_.emplace(VELT_BIN_DIR "/card_simulator", std::vector<std::string>{"--card", "t47"},
+                      surroundings, test::root());
+        hands_ = client_of("/tmp/device_handlers/sim");
+        hands_->set<void>("sim/monitor/noise", 0.0F);
+        daemon_.emplace(VELT_BIN_DIR "/traffic_manager", std::vector<std::string>{}, surroundings,
+                        test::root());
+        management_ = client_of("/tmp/device_managers/traffic_manager");
+    }
+
+    ~HandlerRestarts() override {
+        if (HasFailure())
+            std::cout << daemon_->standard_error();
+    }
+
+    void await_start() {
+        ASSERT_TRUE(
+            eventually([&] { return daemon_->has_logged("msg: Traffic manager initialized"); }));
+    }
+
+    unsigned alarm_of(const supervised_handler& handler) {
+        return management_->get<unsigned>(
+            "alarms/" + handler.client + "/communicationFailure/severity", 99U);
+    }
+
+    bool eventually_alarm_is(const supervised_handler& handler, unsigned severity) {
+        return eventually([&] { return alarm_of(handler) == severity; });
+    }
+
+    // The handler dies and comes back, seen by the daemon or faster than that.
+    void restart(const supervised_handler& handler, bool awaits_alarm) {
+        const std::string control = "sim/handler/" + handler.name;
+        if (!awaits_alarm) {
+            EXPECT_TRUE(hands_->set<bool>(control + "/restart", true));
+            return;
+        }
+        hands_->set<void>(control + "/running", false);
+        EXPECT_TRUE(eventually_alarm_is(handler, 3)) << handler.name;
+        hands_->set<void>(control + "/running", true);
+    }
+
+    // Each handler so many times, in an order that the seed gives.
+    void restart_all(const std::vector<supervised_handler>& handlers, unsigned times,
+                     unsigned seed) {
+        std::vector<std::size_t> order;
+        for (std::size_t index = 0; index < handlers.size(); ++index)
+            order.insert(order.end(), times, index);
+        std::mt19937 random(seed);
+        std::shuffle(order.begin(), order.end(), random);
+        for (const std::size_t index : order) {
+            restart(handlers[index], random() % 2 == 0);
+            ASSERT_FALSE(daemon_->has_ended());
+        }
+        for (const supervised_handler& handler : handlers)
+            EXPECT_TRUE(eventually_alarm_is(handler, 0)) << handler.name;
+    }
+
+    // Every mirrored path that there is, with the handler's own value.
+    void expect_mirrors_equal_handlers() {
+        for (const supervised_handler& handler : all_handlers) {
+            if (!handler.is_mirrored)
+                continue;
+            const auto remote = client_of("/tmp/device_handlers/" + handler.name);
+            auto paths = paths_under(*remote, "");
+            // The card keeps this one for itself.
+            std::erase(paths, "config/ocm/2/monitorPortOffset");
+            ASSERT_FALSE(paths.empty());
+            std::vector<std::string> local_paths;
+            for (const std::string& path : paths)
+                local_paths.push_back(handler.client + "/" + path);
+            EXPECT_TRUE(eventually([&] {
+                const auto there = values_under(*remote, paths);
+                const auto here = values_under(*management_, local_paths);
+                return std::all_of(paths.begin(), paths.end(), [&](const std::string& path) {
+                    return there.at(path) == here.at(handler.client + "/" + path);
+                });
+            })) << handler.name;
+        }
+    }
+
+    // What the subscribers of the whole mirrored tree heard last is what a read gives.
+    void expect_last_events_equal_values() {
+        std::vector<std::string> paths;
+        for (const auto& subscriber : subscribers_)
+            paths.push_back(subscriber->path());
+        EXPECT_TRUE(eventually([&] {
+            const auto values = values_under(*management_, paths);
+            return std::all_of(
+                subscribers_.begin(), subscribers_.end(), [&](const auto& subscriber) {
+                    const auto heard = subscriber->all();
+                    const std::string value = values.at(subscriber->path());
+                    const std::string never_set = R"({"value":null})";
+                    return heard.empty() ? value == never_set
+                                         : R"({"value":)" + last_value(heard) + "}" == value;
+                });
+        }));
+    }
+
+    static std::string last_value(const std::vector<std::string>& heard) {
+        const std::string& last = heard.back();  // "value PATH JSON"
+        return last.substr(last.find(' ', last.find("/")) + 1);
+    }
+
+    void subscribe_to_all_mirrors() {
+        observer_ = client_of("/tmp/device_managers/traffic_manager");
+        std::vector<std::shared_ptr<device_handler_subscriber>> added;
+        for (const supervised_handler& handler : all_handlers) {
+            if (!handler.is_mirrored)
+                continue;
+            for (const std::string& path : paths_under(*management_, handler.client)) {
+                if (!is_subscribable(path))
+                    continue;
+                subscribers_.push_back(std::make_shared<test::recording_subscriber>(path));
+                added.push_back(subscribers_.back());
+            }
+        }
+        ASSERT_GT(added.size(), 100U);
+        observer_->add_subscribers(added);
+    }
+
+    bool is_subscribable(const std::string& path) {
+        json::document params(rapidjson::kObjectType);
+        json::value list(rapidjson::kArrayType);
+        list.PushBack(json::from(path, params.GetAllocator()), params.GetAllocator());
+        json::add(params, "paths", std::move(list), params.GetAllocator());
+        const json::document entries = management_->call("info", params);
+        const json::value* capabilities = json::find(entries[0]["info"], "capabilities");
+        return capabilities != nullptr && json::find(*capabilities, "subscribe") != nullptr;
+    }
+
+    void restart_while_in_use(const std::vector<supervised_handler>& handlers, unsigned times) {
+        const management_user user;
+        restart_all(handlers, times, times);
+        EXPECT_GT(user.rounds(), 0U);
+    }
+
+    std::optional<test::process> card_;
+    std::optional<test::process> daemon_;
+    std::shared_ptr<device_handler_client> hands_;
+    std::shared_ptr<device_handler_client> management_;
+    std::shared_ptr<device_handler_client> observer_;
+    std::vector<std::shared_ptr<test::recording_subscriber>> subscribers_;
+};
+
+TEST_F(HandlerRestarts, LeaveNothingBehind) {
+    await_start();
+    for (const supervised_handler& handler : all_handlers)
+        ASSERT_TRUE(eventually_alarm_is(handler, 0)) << handler.name;
+    expect_mirrors_equal_handlers();
+    subscribe_to_all_mirrors();
+    restart_while_in_use(all_handlers, 2);  // until everything has its size
+    const holdings before = holdings_of(daemon_->id());
+
+    restart_while_in_use(all_handlers, restarts_of_each());
+
+    expect_mirrors_equal_handlers();
+    expect_last_events_equal_values();
+    holdings after{};
+    EXPECT_TRUE(eventually([&] {
+        after = holdings_of(daemon_->id());
+        return after.descriptors == before.descriptors && after.threads == before.threads;
+    }));
+    std::cout << "restarts of each handler: " << restarts_of_each()
+              << "\ndescriptors: " << before.descriptors << " -> " << after.descriptors
+              << "\nthreads: " << before.threads << " -> " << after.threads
+              << "\nresident memory: " << before.resident_kb << " kB -> " << after.resident_kb
+              << " kB\n";
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    constexpr std::size_t slack_kb = 2048;
+    EXPECT_LT(after.resident_kb, before.resident_kb + slack_kb);
+#endif
+}
+
+// The booster is left alone: a cycle that cannot ask it ends the daemon.
+TEST_F(HandlerRestarts, DoNotStopTheRegulation) {
+    await_start();
+    management_->set<void>("control/config/dhReady", true);
+    ASSERT_TRUE(eventually([&] { return daemon_->has_logged("Entering periodic control loop"); }));
+    auto handlers = all_handlers;
+    std::erase_if(handlers, [](const supervised_handler& h) { return h.name == "booster"; });
+    restart_while_in_use(handlers, restarts_of_each());
+    expect_mirrors_equal_handlers();
+    // A wanted power still reaches the light.
+    management_->set<void>("control/config/1/wantedPower", 2.0F);
+    EXPECT_TRUE(eventually(
+        [&] {
+            const float power = hands_->get<float>("sim/channel/1/outputPower");
+            return power > 1.3F && power < 2.7F;
+        },
+        std::chrono::seconds(60)));
+}
