@@ -4,6 +4,7 @@
 
 #include "dh_proxy.hpp"
 #include "Regulation_loop.hpp"
+#include "running_poll.hpp"
 #include "shared_field.hpp"
 
 #include <array>
@@ -61,14 +62,23 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     // yield what was last given.
     float get_edfa_defaultAttenuation() const { return edfa_default_attenuation_; }
     float get_express_defaultAttenuation() const { return express_default_attenuation_; }
+    float get_eq_defaultAttenuation() const { return eq_default_attenuation_; }
     void set_edfa_defaultAttenuation(float attenuation);
     void set_edfa_defaultAttenuation_nosave(float attenuation);
     void set_express_defaultAttenuation(float attenuation);
     void set_express_defaultAttenuation_nosave(float attenuation);
+    void set_eq_defaultAttenuation(float attenuation);
+    void set_eq_defaultAttenuation_nosave(float attenuation);
+
+    // The same of one channel.
+    float get_channel_default_attenuation(unsigned port, unsigned channel) const;
+    void set_channel_default_attenuation(unsigned port, unsigned channel, float attenuation);
+    void set_channel_default_attenuation_nosave(unsigned port, unsigned channel, float attenuation);
 
     // WSS insertion losses of the calibration.
     float get_cal_cloop_wss_il_edfaport() const;
     float get_cal_cloop_wss_il_expressport() const;
+    float get_cal_cloop_wss_il_eqport() const;
 
     float get_wantedPowerMax(unsigned port) const;
     float get_wantedPowerMin(unsigned port) const;
@@ -110,9 +120,35 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     std::string get_optical_ControlMode(unsigned port, unsigned channel) const;
     void set_optical_ControlMode(unsigned port, unsigned channel, const std::string& mode);
 
-    // Whether the EQ loop works together with an amplifier card in the
-    // neighbour slot: "enabled", any other text is no. Two-loop cards only.
+    // --- two-loop cards only ---
+
+    // What the monitor itself shows of a channel.
+    float get_mx47_ocm_rx_power_channel(unsigned port, unsigned channel) const;
+    float get_mx47_ocm_tx_power_channel(unsigned port, unsigned channel) const;
+    // Between the EQ port's monitor and the port.
+    float get_mx47_ocm_power_offset_value() const;
+    void set_mx47_ocm_power_offset_value(float offset);
+    void set_mx47_ocm_power_offset_value_nosave(float offset);
+
+    // The amplifier card in the neighbour slot, as the EQ loop knows it.
+    float get_mx47_cal_mon_to_boostertx_k47() const;
+    void set_mx47_k47_cal_mon_to_boostertx(float value);
+    float get_mx47_k47_actual_gain() const;
+    void set_mx47_k47_actual_gain(float gain);
+    float get_mx47_k47_edfa_tx_power() const;
+    void set_mx47_k47_edfa_tx_power(float power);
+    float get_mx47_k47_booster_power_limit() const;
+    void set_mx47_k47_booster_power_limit(float limit);
+
+    // Whether the EQ loop works together with that card: "enabled", any other
+    // text is no. Switching it off waits for the end of a running poll.
+    std::string get_mx47_k47_combo_flag() const;
+    void set_mx47_k47_combo_flag(const std::string& text);
     void set_mx47_k47_combo_flag_nosave(const std::string& text);
+    bool slot_communication_is_alive() const { return slot_communication_alive_; }
+    bool get_correct_neighbour_version() const { return correct_neighbour_version_; }
+    // "n/a", "connecting", "ok" or "alarm".
+    std::string get_slot_communication_status() const { return slot_communication_status_.get(); }
 
   private:
     void start_poll_thread();
@@ -126,9 +162,16 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     void regulate_loop(unsigned loop);
 
     void apply_max_channels(unsigned port, unsigned count);
+    void apply_eq_default_attenuation(float attenuation);
+    void apply_channel_default_attenuation(const char* setter, unsigned port, unsigned channel,
+                                           float attenuation);
 
     void create_paths_t47();
     void create_channel_paths_t47(unsigned channel);
+    void create_paths_mx47();
+    void create_port_paths_mx47(unsigned port);
+    void create_channel_paths_mx47(unsigned port, unsigned channel);
+    void create_common_paths();
     template <auto Getter, class... Bound>
     void add_volatile_value(const std::string& path, Bound... bound);
     template <auto Setter, class... Bound>
@@ -149,11 +192,18 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     std::thread poll_thread_;
     shared_number<float> edfa_default_attenuation_{0.0F};
     shared_number<float> express_default_attenuation_{0.0F};
+    shared_number<float> eq_default_attenuation_{0.0F};
     shared_number<unsigned> max_channels_{40};  // of the port that was set last
     shared_number<float> edfa_gain_{0.0F};
     shared_number<float> sfp_attenuation_{0.0F};
     shared_number<bool> combo_flag_{false};
     shared_number<bool> verbose_{false};
+    shared_number<bool> slot_communication_alive_{true};
+    shared_number<bool> correct_neighbour_version_{true};
+    running_poll module_poll_;
+    shared_value<std::string> slot_communication_status_{"n/a"};
+    using alarm_node = std::shared_ptr<dh::api::status_value<unsigned>>;
+    shared_value<alarm_node> combined_mode_alarm_;  // null without its path
     shared_number<bool> booster_enabled_{false};
     shared_number<bool> neighbour_booster_enabled_{false};
 };

@@ -1,16 +1,38 @@
-// What stands behind the paths of the control tree and behind the restoring of
-// the configuration.
+// Settings that change what the regulation does, and those of them that are
+// kept over a restart. The form without saving serves the start-up, which takes
+// its values from the file.
+#include "common_traffic_manager_velt.hpp"
 #include "control_loop.hpp"
 #include "msg_log.hpp"
+
+#include <fmt/format.h>
 
 namespace {
 
 constexpr char log_channel[] = "tm_velt_cloop";
 
+using main_value = traffic_manager::traffic_manager_main_values;
+using wanted_power_value = traffic_manager::traffic_manager_wanted_power_values;
+using default_attenuation_value = traffic_manager::traffic_manager_default_attenuation_values;
+
+// Settings of other ports than these have no name in the file.
+bool has_names(unsigned port) {
+    return port < 2;
+}
+
+// The name of a channel's setting: those of port 1 stand behind those of port 0.
+template <class Value>
+Value of_channel(unsigned port, unsigned channel) {
+    return static_cast<Value>(channel + port * traffic_manager::names_of_a_port);
+}
+
 }  // namespace
 
 void control_loop_main::set_edfa_defaultAttenuation(float attenuation) {
     set_edfa_defaultAttenuation_nosave(attenuation);
+    MSG_LOG(log_channel, msg_log::progress) << "msg: Writing EDFA default att to " << attenuation;
+    traffic_manager::write_fvalue_to_main_parameters_file(main_value::par_edfa_default_attenuation,
+                                                          attenuation);
 }
 
 void control_loop_main::set_edfa_defaultAttenuation_nosave(float attenuation) {
@@ -21,6 +43,10 @@ void control_loop_main::set_edfa_defaultAttenuation_nosave(float attenuation) {
 
 void control_loop_main::set_express_defaultAttenuation(float attenuation) {
     set_express_defaultAttenuation_nosave(attenuation);
+    MSG_LOG(log_channel, msg_log::progress)
+        << "msg: Writing EXPRESS default att to " << attenuation;
+    traffic_manager::write_fvalue_to_main_parameters_file(
+        main_value::par_express_default_attenuation, attenuation);
 }
 
 void control_loop_main::set_express_defaultAttenuation_nosave(float attenuation) {
@@ -30,40 +56,29 @@ void control_loop_main::set_express_defaultAttenuation_nosave(float attenuation)
     regulators_[0]->set_express_defaultAttenuation(attenuation);
 }
 
-float control_loop_main::get_cal_cloop_wss_il_edfaport() const {
-    return regulators_[0]->get_cal_cloop_wss_il_edfaport();
+void control_loop_main::set_eq_defaultAttenuation(float attenuation) {
+    MSG_LOG(log_channel, msg_log::progress) << "msg: Setting EQ default att: " << attenuation;
+    apply_eq_default_attenuation(attenuation);
+    MSG_LOG(log_channel, msg_log::progress) << "msg: Writing EQ default att: " << attenuation;
+    traffic_manager::write_fvalue_to_main_parameters_file(main_value::par_eq_default_attenuation,
+                                                          attenuation);
 }
 
-float control_loop_main::get_cal_cloop_wss_il_expressport() const {
-    return regulators_[0]->get_cal_cloop_wss_il_expressport();
+void control_loop_main::set_eq_defaultAttenuation_nosave(float attenuation) {
+    MSG_LOG(log_channel, msg_log::progress) << "msg: Setting EQ default att to " << attenuation;
+    apply_eq_default_attenuation(attenuation);
 }
 
-float control_loop_main::get_wantedPowerMax(unsigned port) const {
-    return regulators_[port]->get_wantedPowerMax();
-}
-
-float control_loop_main::get_wantedPowerMin(unsigned port) const {
-    return regulators_[port]->get_wantedPowerMin();
-}
-
-float control_loop_main::get_wantedPowerDefault(unsigned port) const {
-    return regulators_[port]->get_wantedPowerDefault();
-}
-
-void control_loop_main::set_wantedPowerMax(unsigned port, float power) {
-    regulators_[port]->set_wantedPowerMax(power);
-}
-
-void control_loop_main::set_wantedPowerMin(unsigned port, float power) {
-    regulators_[port]->set_wantedPowerMin(power);
-}
-
-float control_loop_main::get_wanted_power(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_wanted_power(channel);
+void control_loop_main::apply_eq_default_attenuation(float attenuation) {
+    eq_default_attenuation_ = attenuation;
+    regulators_[1]->set_eq_defaultAttenuation(attenuation);
 }
 
 void control_loop_main::set_wanted_power(unsigned port, unsigned channel, float power) {
     regulators_[port]->set_wanted_power(channel, power);
+    if (has_names(port))
+        traffic_manager::write_fvalue_to_wanted_power_parameters_file(
+            of_channel<wanted_power_value>(port, channel), power);
 }
 
 void control_loop_main::set_wanted_power_nosave(unsigned port, unsigned channel, float power) {
@@ -72,21 +87,35 @@ void control_loop_main::set_wanted_power_nosave(unsigned port, unsigned channel,
         << "msg: Set wanted power nosave channel-ix" << channel << ", power: " << power;
 }
 
-float control_loop_main::get_rxPower(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_rxPowerChannel(channel);
+void control_loop_main::set_channel_default_attenuation(unsigned port, unsigned channel,
+                                                        float attenuation) {
+    apply_channel_default_attenuation("set_channel_default_attenuation", port, channel,
+                                      attenuation);
+    if (has_names(port))
+        traffic_manager::write_fvalue_to_channel_default_attenuation_file(
+            of_channel<default_attenuation_value>(port, channel), attenuation);
 }
 
-float control_loop_main::get_txPower(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_txPowerChannel(channel);
+void control_loop_main::set_channel_default_attenuation_nosave(unsigned port, unsigned channel,
+                                                               float attenuation) {
+    apply_channel_default_attenuation("set_channel_default_attenuation_nosave", port, channel,
+                                      attenuation);
 }
 
-unsigned control_loop_main::get_maxChannels(unsigned port) const {
-    return static_cast<unsigned>(regulators_[port]->get_number_of_AllowedChannels());
+void control_loop_main::apply_channel_default_attenuation(const char* setter, unsigned port,
+                                                          unsigned channel, float attenuation) {
+    MSG_LOG(log_channel, msg_log::detail)
+        << fmt::format("{}, msg: WSS port: {}, channel-ix{}, default attenuation: {:f}", setter,
+                       port, channel, attenuation);
+    regulators_[port]->set_channel_default_attenuation(channel, attenuation);
 }
 
 void control_loop_main::set_maxChannels(unsigned port, unsigned count) {
     MSG_LOG(log_channel, msg_log::progress) << "msg: Set max channel to " << count;
     apply_max_channels(port, count);
+    if (has_names(port))
+        traffic_manager::write_unsigned_to_main_parameters_file(static_cast<main_value>(port),
+                                                                max_channels_);
 }
 
 void control_loop_main::set_maxChannels_nosave(unsigned port, unsigned count) {
@@ -100,14 +129,6 @@ void control_loop_main::apply_max_channels(unsigned port, unsigned count) {
     calculate_wanted_power(port);
 }
 
-void control_loop_main::set_number_of_AllowedChannels(unsigned port, unsigned count) {
-    regulators_[port]->set_number_of_AllowedChannels(static_cast<int>(count));
-}
-
-unsigned control_loop_main::get_number_of_ActiveChannels(unsigned port) const {
-    return static_cast<unsigned>(regulators_[port]->get_number_of_ActiveChannels());
-}
-
 void control_loop_main::calculate_wanted_power(unsigned port) {
     regulation_handler& regulator = *regulators_[port];
     regulator.calculate_wanted_power();
@@ -119,57 +140,32 @@ void control_loop_main::calculate_wanted_power(unsigned port) {
         regulator.set_wanted_power(channel, default_power);
 }
 
-float control_loop_main::get_booster_TX_Adjustment(unsigned port) const {
-    return regulators_[port]->get_boosterTx_adjustment();
+void control_loop_main::set_mx47_ocm_power_offset_value(float offset) {
+    set_mx47_ocm_power_offset_value_nosave(offset);
+    traffic_manager::write_fvalue_to_main_parameters_file(main_value::par_ocmPowerOffset, offset);
 }
 
-float control_loop_main::get_booster_TX_Adjustment_Diff(unsigned port) const {
-    return regulators_[port]->get_boosterTx_adjustment_diff();
+void control_loop_main::set_mx47_ocm_power_offset_value_nosave(float offset) {
+    regulators_[1]->set_ocm_power_offset_value(offset);
 }
 
-float control_loop_main::get_booster_Tx(unsigned port) const {
-    return regulators_[port]->get_boosterTx();
-}
-
-float control_loop_main::get_booster_Tx_Original(unsigned port) const {
-    return regulators_[port]->get_boosterTx_original();
-}
-
-long long control_loop_main::get_lossTimeout(unsigned port) const {
-    return regulators_[port]->get_lossTimeout();
-}
-
-void control_loop_main::set_lossTimeout(unsigned port, long long seconds) {
-    regulators_[port]->set_lossTimeout(seconds);
-}
-
-bool control_loop_main::get_verbose_mode(unsigned port) const {
-    return regulators_[port]->get_verbose_mode();
-}
-
-void control_loop_main::set_verbose_mode(unsigned port, bool verbose) {
-    verbose_ = verbose;
-    regulators_[port]->set_verbose_mode(verbose);
-}
-
-std::string control_loop_main::get_port_mode(unsigned port, int channel) const {
-    return regulators_[port]->get_port_mode(channel);
-}
-
-void control_loop_main::set_port_mode(unsigned port, int channel, const std::string& mode) {
-    regulators_[port]->set_port_mode(channel, mode);
-}
-
-std::string control_loop_main::get_optical_ControlMode(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_opticalControlMode(channel);
-}
-
-void control_loop_main::set_optical_ControlMode(unsigned port, unsigned channel,
-                                                const std::string& mode) {
-    regulators_[port]->set_opticalControlMode(channel, mode);
+void control_loop_main::set_mx47_k47_combo_flag(const std::string& text) {
+    set_mx47_k47_combo_flag_nosave(text);
+    traffic_manager::write_string_value_to_port_mode_parameters_file(
+        main_value::MX47_combo_mode, combo_flag_ ? "enabled" : "disabled");
 }
 
 void control_loop_main::set_mx47_k47_combo_flag_nosave(const std::string& text) {
-    combo_flag_ = text == "enabled";
+    if (text == "enabled") {
+        combo_flag_ = true;
+    } else {
+        module_poll_.await_end([] {
+            MSG_LOG(log_channel, msg_log::detail) << "msg: Waiting for module poll to finish.";
+        });
+        combo_flag_ = false;
+        slot_communication_status_.set("n/a");
+        if (const auto alarm = combined_mode_alarm_.get())
+            alarm->set(0);
+    }
     regulators_[1]->set_k47_combo_flag(combo_flag_);
 }
