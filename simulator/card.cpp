@@ -1,23 +1,29 @@
 #include "card.hpp"
 
 #include "board_files.hpp"
-#include "booster_handler.hpp"
 #include "control_handler.hpp"
-#include "wss_edge_handler.hpp"
 
 #include <utility>
 
 namespace simulator {
+namespace {
 
-t47_card::t47_card(card_options options)
-    : light_(std::make_shared<light_path>(options.seed, std::move(options.actions))),
-      start_(std::make_shared<start_state>()) {
-    lay_board_files(options.root, "velt,t47", light_->model());
-    const card_identity identity{"VLT-Q-T47", "1.0.0", "1"};
-    for (const handler_plan& plan : {system_start_handler(start_), system_info_handler(identity),
-                                     wss_edge_handler({{light_, "wss", "ocm/1"}}, "ocm/2"),
-                                     booster_handler(light_), control_handler(light_, start_)})
-        handlers_.emplace_back(plan, options.root);
+std::vector<std::shared_ptr<fallible_handler>> serve(const card_kind& kind,
+                                                     const card_models& models,
+                                                     const std::string& root) {
+    lay_board_files(root, kind.compatible, models.light->model());
+    std::vector<std::shared_ptr<fallible_handler>> handlers;
+    for (handler_plan& plan : kind.handlers(kind, models))
+        handlers.push_back(std::make_shared<fallible_handler>(std::move(plan), root));
+    return handlers;
 }
+
+}  // namespace
+
+card::card(const card_kind& kind, card_options options)
+    : models_(options.seed, std::move(options.actions.on_plant)),
+      handlers_(serve(kind, models_, options.root)),
+      control_(control_handler(models_, handlers_), options.root),
+      player_(std::move(options.actions.on_handlers), handlers_) {}
 
 }  // namespace simulator

@@ -1,36 +1,38 @@
 // A simulated card: the files that its board carries, and its handlers.
 #pragma once
 
-#include "handler.hpp"
-#include "light_path.hpp"
+#include "card_kind.hpp"
+#include "card_models.hpp"
+#include "fallible_handler.hpp"
+#include "handler_player.hpp"
 #include "scenario.hpp"
-#include "system_handlers.hpp"
 
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace simulator {
 
 struct card_options {
     std::string root;  // before every path; empty for the host's own root
     std::uint64_t seed = 1;
-    scenario actions;
+    scenario actions;  // on handlers that the card has
 };
 
-// The card with EDFA and express ports and one control loop. All handlers are
-// served from the constructor on, until the destructor, which removes their
-// sockets; the files stay. The constructor throws std::exception where a file
-// cannot be written or a socket is served already.
-class t47_card {
+// All handlers are served from the constructor on, until the destructor, which
+// removes their sockets; the files stay. The constructor throws std::exception
+// where a file cannot be written or a socket is served already.
+class card {
   public:
-    explicit t47_card(card_options options);
+    card(const card_kind& kind, card_options options);
 
   private:
-    const std::shared_ptr<light_path> light_;
-    const std::shared_ptr<start_state> start_;
-    std::list<handler> handlers_;
+    // Ended in reverse order: what acts on the handlers goes before them.
+    const card_models models_;
+    const std::vector<std::shared_ptr<fallible_handler>> handlers_;
+    const handler control_;
+    const handler_player player_;
 };
 
 }  // namespace simulator

@@ -1,10 +1,13 @@
 #include "control_handler.hpp"
 
+#include "command.hpp"
 #include "control_value.hpp"
 #include "volatile_value.hpp"
 
 #include <fmt/format.h>
 
+#include <cstddef>
+#include <string>
 #include <utility>
 
 namespace simulator {
@@ -38,17 +41,52 @@ void publish_light(dh_db& db, const std::shared_ptr<light_path>& light) {
     volatile_value<&light_path::seconds>::create(db, "sim/time", light);
 }
 
+void publish_osc(dh_db& db, const std::shared_ptr<osc_link>& link, std::size_t number) {
+    using link_status = control_value<&osc_link::link_status, &osc_link::set_link_status>;
+    using state = control_value<&osc_link::state, &osc_link::set_state>;
+    using length = control_value<&osc_link::length, &osc_link::set_length>;
+    using dispersion = control_value<&osc_link::dispersion, &osc_link::set_dispersion>;
+    using neighbour = control_value<&osc_link::neighbour, &osc_link::set_neighbour>;
+    const std::string base = fmt::format("sim/osc/{}/", number);
+    link_status::create(db, base + "linkStatus", link);
+    state::create(db, base + "state", link);
+    length::create(db, base + "length", link);
+    dispersion::create(db, base + "dispersion", link);
+    neighbour::create(db, base + "neighbour", link);
+}
+
+void publish_handler(dh_db& db, const std::shared_ptr<fallible_handler>& handler) {
+    using running = control_value<&fallible_handler::running, &fallible_handler::set_running>;
+    using frozen = control_value<&fallible_handler::frozen, &fallible_handler::set_frozen>;
+    using delay = control_value<&fallible_handler::delay, &fallible_handler::set_delay>;
+    using error_path =
+        control_value<&fallible_handler::error_path, &fallible_handler::set_error_path>;
+    using wrong_type_path =
+        control_value<&fallible_handler::wrong_type_path, &fallible_handler::set_wrong_type_path>;
+    const std::string base = "sim/handler/" + handler->name() + "/";
+    running::create(db, base + "running", handler);
+    dh::api::command<&fallible_handler::restart>::create(db, base + "restart", handler);
+    frozen::create(db, base + "frozen", handler);
+    delay::create(db, base + "delay", handler);
+    error_path::create(db, base + "errorPath", handler);
+    wrong_type_path::create(db, base + "wrongTypePath", handler);
+}
+
 }  // namespace
 
-handler_plan control_handler(std::shared_ptr<light_path> light,
-                             std::shared_ptr<start_state> start) {
-    const auto publish = [light = std::move(light), start = std::move(start)](
+handler_plan control_handler(card_models models,
+                             std::vector<std::shared_ptr<fallible_handler>> handlers) {
+    const auto publish = [models = std::move(models), handlers = std::move(handlers)](
                              dh_db& db, dh::api::value_group&) {
         for (unsigned channel = 1; channel <= channel_count; ++channel)
-            publish_channel(db, light, channel);
-        publish_light(db, light);
+            publish_channel(db, models.light, channel);
+        publish_light(db, models.light);
+        for (std::size_t index = 0; index < models.osc.size(); ++index)
+            publish_osc(db, models.osc[index], index + 1);
+        for (const auto& handler : handlers)
+            publish_handler(db, handler);
         control_value<&start_state::cold, &start_state::set_cold>::create(db, "sim/systemColdstart",
-                                                                          start);
+                                                                          models.start);
         return nullptr;
     };
     return {"sim", "sim", publish};

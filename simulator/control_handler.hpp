@@ -2,14 +2,16 @@
 // on a socket of its own.
 #pragma once
 
+#include "card_models.hpp"
+#include "fallible_handler.hpp"
 #include "handler.hpp"
-#include "light_path.hpp"
-#include "system_handlers.hpp"
 
 #include <memory>
+#include <vector>
 
 namespace simulator {
 
-handler_plan control_handler(std::shared_ptr<light_path> light, std::shared_ptr<start_state> start);
+handler_plan control_handler(card_models models,
+                             std::vector<std::shared_ptr<fallible_handler>> handlers);
 
 }  // namespace simulator

@@ -2,21 +2,13 @@
 
 #include "dh_error.hpp"
 #include "host.hpp"
-
-#include <fmt/format.h>
+#include "require_within.hpp"
 
 #include <stdexcept>
 #include <utility>
 
 namespace simulator {
 namespace {
-
-double require_within(const range& allowed, double value) {
-    if (!allowed.contains(value))
-        throw dh_error(dh_error_code::invalid_argument,
-                       fmt::format("{} is outside {} to {}", value, allowed.low, allowed.high));
-    return value;
-}
 
 port_mode require_port_mode(const std::string& name) {
     try {
@@ -28,7 +20,7 @@ port_mode require_port_mode(const std::string& name) {
 
 }  // namespace
 
-light_path::light_path(std::uint64_t seed, scenario actions)
+light_path::light_path(std::uint64_t seed, std::vector<timed_plant_action> actions)
     : start_(host::time().monotonic()),
       plant_(seed),
       player_(std::move(actions)),

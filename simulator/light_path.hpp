@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace simulator {
 
@@ -25,7 +26,7 @@ class light_path {
   public:
     static constexpr std::chrono::nanoseconds sweep_period = std::chrono::seconds(1);
 
-    light_path(std::uint64_t seed, scenario actions);
+    light_path(std::uint64_t seed, std::vector<timed_plant_action> actions);
 
     const plant_model& model() const { return plant_.model(); }
 
@@ -100,7 +101,7 @@ class light_path {
     const optical_plant plant_;
 
     std::mutex mutex_;  // guards all below
-    scenario_player player_;
+    plant_player player_;
     plant_controls controls_;
     light light_;
     per_channel<held<channel_reading>> channel_readings_{};

@@ -34,7 +34,8 @@ options::options_description describe(command_line& into) {
     auto add = described.add_options();
     add("help", options::bool_switch(&into.help), "print this text");
     add("card", options::value(&into.card), "the card to simulate: t47");
-    add("scenario", options::value(&into.scenario_file), "JSON file of what happens to the light");
+    add("scenario", options::value(&into.scenario_file),
+        "JSON file of what happens to the light and to the handlers");
     add("root", options::value(&into.root)->default_value(host::environment("VELT_ROOT", "")),
         "prefix of all paths");
     add("seed", options::value(&into.seed)->default_value(into.seed),
@@ -42,13 +43,14 @@ options::options_description describe(command_line& into) {
     return described;
 }
 
-void require_card(const std::string& card) {
+const simulator::card_kind& require_card(const std::string& card) {
     if (card.empty())
         throw std::invalid_argument("--card is missing");
+    if (const auto* const kind = simulator::find_card_kind(card))
+        return *kind;
     if (card == "mx47" || card == "k47")
         throw std::invalid_argument("card " + card + " is not simulated yet; t47 is");
-    if (card != "t47")
-        throw std::invalid_argument("there is no card " + card + "; t47 is simulated");
+    throw std::invalid_argument("there is no card " + card + "; t47 is simulated");
 }
 
 // Blocked for all threads that are started from now on.
@@ -61,9 +63,10 @@ sigset_t block_termination() {
     return termination;
 }
 
-void serve(const command_line& arguments, simulator::scenario actions) {
+void serve(const simulator::card_kind& kind, const command_line& arguments,
+           simulator::scenario actions) {
     const sigset_t termination = block_termination();
-    const simulator::t47_card card({arguments.root, arguments.seed, std::move(actions)});
+    const simulator::card card(kind, {arguments.root, arguments.seed, std::move(actions)});
     MSG_LOG("simulator", msg_log::progress)
         << "msg: Card " << arguments.card << " is served, root: \"" << arguments.root
         << "\", seed: " << arguments.seed;
@@ -75,6 +78,7 @@ void serve(const command_line& arguments, simulator::scenario actions) {
 
 int main(int argc, char** argv) {
     command_line arguments;
+    const simulator::card_kind* kind = nullptr;
     simulator::scenario actions;
     try {
         const auto described = describe(arguments);
@@ -90,16 +94,17 @@ int main(int argc, char** argv) {
             std::cout << described;
             return 0;
         }
-        require_card(arguments.card);
+        kind = &require_card(arguments.card);
         if (!arguments.scenario_file.empty())
-            actions = simulator::load_scenario(arguments.scenario_file);
+            actions =
+                simulator::load_scenario(arguments.scenario_file, simulator::handler_names(*kind));
     } catch (const std::exception& error) {
         std::cerr << "card_simulator: " << error.what() << '\n';
         return status_bad_usage;
     }
     try {
         msg_log::instance().init("card_simulator", true);
-        serve(arguments, std::move(actions));
+        serve(*kind, arguments, std::move(actions));
     } catch (const std::exception& error) {
         std::cerr << "card_simulator: " << error.what() << '\n';
         return status_failed;

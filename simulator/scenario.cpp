@@ -49,12 +49,13 @@ void carry_out(plant_controls& controls, const booster_action& action) {
 
 }  // namespace
 
-scenario_player::scenario_player(scenario actions) : actions_(std::move(actions)) {}
+plant_player::plant_player(std::vector<timed_plant_action> actions)
+    : actions_(std::move(actions)) {}
 
-bool scenario_player::advance(plant_controls& controls, double now) {
+bool plant_player::advance(plant_controls& controls, double now) {
     bool changed = false;
     while (next_ < actions_.size() && actions_[next_].time <= now) {
-        const timed_action& due = actions_[next_++];
+        const timed_plant_action& due = actions_[next_++];
         advance_changes(controls, due.time);
         begin(controls, due);
         changed = true;
@@ -62,7 +63,7 @@ bool scenario_player::advance(plant_controls& controls, double now) {
     return advance_changes(controls, now) || changed;
 }
 
-bool scenario_player::advance_changes(plant_controls& controls, double now) {
+bool plant_player::advance_changes(plant_controls& controls, double now) {
     const bool any = !changes_.empty();
     for (running_change& running : changes_) {
         const auto& [what, channels, change, over] = running.action;
@@ -79,7 +80,7 @@ bool scenario_player::advance_changes(plant_controls& controls, double now) {
     return any;
 }
 
-void scenario_player::begin(plant_controls& controls, const timed_action& due) {
+void plant_player::begin(plant_controls& controls, const timed_plant_action& due) {
     MSG_LOG("scenario", msg_log::progress) << "msg: Scenario: " << due.name;
     std::visit(
         [&](const auto& action) {

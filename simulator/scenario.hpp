@@ -1,5 +1,5 @@
-// What happens to the light while the card runs: actions at times, read from a
-// JSON file and carried out on the controls of the plant.
+// What happens to the light and to the handlers while the card runs: actions at
+// times, read from a JSON file.
 //
 //     {"description": "...",
 //      "actions": [{"time": 60, "action": "change_launch_power",
@@ -7,7 +7,7 @@
 //
 // `time` counts seconds of the program's time from the start of the simulator.
 // The actions, with their further members (powers in dBm, losses, gains and
-// changes in dB):
+// changes in dB), are for the light:
 //
 //     light_channels, darken_channels      channels
 //     set_launch_power                     channels, power
@@ -18,8 +18,22 @@
 //
 // `channels` is a channel, a list of channels, or "all". `over` is the time in
 // seconds that a change takes; without it the change is a step.
+//
+// and for the handlers:
+//
+//     stop_handler, start_handler, restart_handler    handler
+//     freeze_handler, thaw_handler                    handler
+//     slow_handler                                    handler, delay
+//     fail_path, mistype_path, heal_path              handler, path
+//
+// `handler` is where it is reached below "/tmp/device_handlers/". Stopped, it
+// ends as a killed process does; frozen, it hangs. `delay` is how much later it
+// answers, 0 to 60 seconds of real time. At a path that fails it answers an
+// error, at one that is mistyped a value of a wrong type; `path` may name
+// several, separated by blanks.
 #pragma once
 
+#include "handler_faults.hpp"
 #include "optical_plant.hpp"
 
 #include <bitset>
@@ -62,19 +76,43 @@ struct booster_action {
     bool enabled;
 };
 
-// Actions on the light. Actions on the handlers are further alternatives, for
-// whoever owns the handlers.
-using scenario_action =
+// On the controls of the plant.
+using plant_action =
     std::variant<set_action, change_action, light_action, fibre_action, booster_action>;
 
-struct timed_action {
-    double time;  // seconds since the start
-    std::string name;
-    scenario_action action;
+enum class handler_change {
+    stop,
+    start,
+    restart,
+    freeze,
+    thaw,
+    slow,
+    fail_path,
+    mistype_path,
+    heal_path
 };
 
-// In the order of time; those of one time in the order of the file.
-using scenario = std::vector<timed_action>;
+struct handler_action {
+    handler_change what;
+    std::string handler;
+    double delay = 0.0;  // of a slow handler, seconds of real time
+    std::string path;    // that fails, is mistyped or healed
+};
+
+template <class Action>
+struct timed {
+    double time;  // seconds since the start
+    std::string name;
+    Action action;
+};
+using timed_plant_action = timed<plant_action>;
+using timed_handler_action = timed<handler_action>;
+
+// Each list in the order of time; actions of one time in the order of the file.
+struct scenario {
+    std::vector<timed_plant_action> on_plant;
+    std::vector<timed_handler_action> on_handlers;
+};
 
 // A file that is no scenario. The text names the entry that is wrong.
 class scenario_error : public std::runtime_error {
@@ -87,14 +125,15 @@ inline constexpr std::size_t max_scenario_actions = 10'000;
 inline constexpr range scenario_time_range{0.0, 1e9};  // seconds
 inline constexpr range scenario_change_range{-60.0, 60.0};
 
-// Both throw scenario_error.
-scenario parse_scenario(std::string_view text);
-scenario load_scenario(const std::string& file);
+// Both throw scenario_error. An action on none of the handlers that are named
+// is an error.
+scenario parse_scenario(std::string_view text, const std::vector<std::string>& handlers = {});
+scenario load_scenario(const std::string& file, const std::vector<std::string>& handlers);
 
-// Carries a scenario out. Not safe for several threads at once.
-class scenario_player {
+// Carries out what happens to the light. Not safe for several threads at once.
+class plant_player {
   public:
-    explicit scenario_player(scenario actions);
+    explicit plant_player(std::vector<timed_plant_action> actions);
 
     // Brings the controls to the time given, in seconds since the start, which
     // never goes back. Whether anything was changed.
@@ -108,9 +147,9 @@ class scenario_player {
     };
 
     bool advance_changes(plant_controls&, double now);
-    void begin(plant_controls&, const timed_action&);
+    void begin(plant_controls&, const timed_plant_action&);
 
-    const scenario actions_;
+    const std::vector<timed_plant_action> actions_;
     std::size_t next_ = 0;
     std::vector<running_change> changes_;
 };

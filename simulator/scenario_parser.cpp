@@ -8,11 +8,13 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -101,7 +103,7 @@ class entry {
     const std::string name_;
 };
 
-scenario_action parse_set(const entry& from, quantity what) {
+plant_action parse_set(const entry& from, quantity what) {
     switch (what) {
         case quantity::launch_power:
             from.allow_members({"time", "action", "channels", "power"});
@@ -116,7 +118,7 @@ scenario_action parse_set(const entry& from, quantity what) {
     return set_action{what, {}, from.number("gain", booster_gain_range)};
 }
 
-scenario_action parse_change(const entry& from, quantity what) {
+plant_action parse_change(const entry& from, quantity what) {
     const bool of_channels = what == quantity::launch_power;
     if (of_channels)
         from.allow_members({"time", "action", "channels", "change", "over"});
@@ -127,18 +129,19 @@ scenario_action parse_change(const entry& from, quantity what) {
                          from.number("over", scenario_time_range, 0.0)};
 }
 
-scenario_action parse_light(const entry& from, bool lit) {
+plant_action parse_light(const entry& from, bool lit) {
     from.allow_members({"time", "action", "channels"});
     return light_action{from.channels(), lit};
 }
 
 template <class Action>
-scenario_action parse_plain(const entry& from, Action action) {
+plant_action parse_plain(const entry& from, Action action) {
     from.allow_members({"time", "action"});
     return action;
 }
 
-scenario_action parse_action(const entry& from) {
+// Nothing where there is no such action on the light.
+std::optional<plant_action> parse_plant_action(const entry& from) {
     const json::value& name = from.text("action");
     if (name == "light_channels")
         return parse_light(from, true);
@@ -164,13 +167,79 @@ scenario_action parse_action(const entry& from) {
         return parse_plain(from, booster_action{false});
     if (name == "booster_on")
         return parse_plain(from, booster_action{true});
-    from.fail("there is no action " + quoted(name));
+    return std::nullopt;
 }
 
-timed_action parse_timed_action(const json::value& object, std::size_t index) {
-    const entry from(object, fmt::format("actions[{}]", index));
+// Of the handlers that the card has.
+std::string parse_handler_name(const entry& from, const std::vector<std::string>& handlers) {
+    const json::value& name = from.text("handler");
+    const auto found = std::find(handlers.begin(), handlers.end(), json::to<std::string>(name));
+    if (found == handlers.end())
+        from.fail(fmt::format("there is no handler {}; there are: {}", quoted(name),
+                              fmt::join(handlers, ", ")));
+    return *found;
+}
+
+std::string parse_path(const entry& from) {
+    auto paths = json::to<std::string>(from.text("path"));
+    if (paths.find_first_not_of(' ') == std::string::npos)
+        from.fail("\"path\" is empty");
+    return paths;
+}
+
+// Nothing where there is no such action on a handler.
+std::optional<handler_action> parse_handler_action(const entry& from,
+                                                   const std::vector<std::string>& handlers) {
+    static constexpr std::array<std::pair<std::string_view, handler_change>, 9> names{{
+        {"stop_handler", handler_change::stop},
+        {"start_handler", handler_change::start},
+        {"restart_handler", handler_change::restart},
+        {"freeze_handler", handler_change::freeze},
+        {"thaw_handler", handler_change::thaw},
+        {"slow_handler", handler_change::slow},
+        {"fail_path", handler_change::fail_path},
+        {"mistype_path", handler_change::mistype_path},
+        {"heal_path", handler_change::heal_path},
+    }};
+    const auto name = json::to<std::string>(from.text("action"));
+    const auto* const known = std::find_if(names.begin(), names.end(),
+                                           [&](const auto& one) { return one.first == name; });
+    if (known == names.end())
+        return std::nullopt;
+    handler_action action{known->second, parse_handler_name(from, handlers), 0.0, {}};
+    switch (action.what) {
+        case handler_change::slow:
+            from.allow_members({"time", "action", "handler", "delay"});
+            action.delay = from.number("delay", handler_delay_range);
+            break;
+        case handler_change::fail_path:
+        case handler_change::mistype_path:
+        case handler_change::heal_path:
+            from.allow_members({"time", "action", "handler", "path"});
+            action.path = parse_path(from);
+            break;
+        default:
+            from.allow_members({"time", "action", "handler"});
+            break;
+    }
+    return action;
+}
+
+void parse_action(const entry& from, const std::vector<std::string>& handlers, scenario& into) {
     const double time = from.number("time", scenario_time_range);
-    return {time, from.text("action").GetString(), parse_action(from)};
+    const json::value& name = from.text("action");
+    if (auto on_plant = parse_plant_action(from))
+        into.on_plant.push_back({time, name.GetString(), std::move(*on_plant)});
+    else if (auto on_handler = parse_handler_action(from, handlers))
+        into.on_handlers.push_back({time, name.GetString(), std::move(*on_handler)});
+    else
+        from.fail("there is no action " + quoted(name));
+}
+
+template <class Action>
+void sort_by_time(std::vector<timed<Action>>& actions) {
+    std::stable_sort(actions.begin(), actions.end(),
+                     [](const auto& a, const auto& b) { return a.time < b.time; });
 }
 
 // Why a text was refused that ends in a NUL. Works without a stack of its own,
@@ -193,7 +262,7 @@ std::string why_not_json(const std::string& text) {
 
 }  // namespace
 
-scenario parse_scenario(std::string_view text) {
+scenario parse_scenario(std::string_view text, const std::vector<std::string>& handlers) {
     wire::parser parser;
     const json::value* const document = parser.parse(text);
     if (document == nullptr)
@@ -209,14 +278,14 @@ scenario parse_scenario(std::string_view text) {
         top.fail(fmt::format("\"actions\" has more than {} entries", max_scenario_actions));
 
     scenario result;
-    for (const json::value& action : actions.GetArray())
-        result.push_back(parse_timed_action(action, result.size()));
-    std::stable_sort(result.begin(), result.end(),
-                     [](const timed_action& a, const timed_action& b) { return a.time < b.time; });
+    for (rapidjson::SizeType index = 0; index < actions.Size(); ++index)
+        parse_action(entry(actions[index], fmt::format("actions[{}]", index)), handlers, result);
+    sort_by_time(result.on_plant);
+    sort_by_time(result.on_handlers);
     return result;
 }
 
-scenario load_scenario(const std::string& file) {
+scenario load_scenario(const std::string& file, const std::vector<std::string>& handlers) {
     std::ifstream in(file, std::ios::binary);
     std::string text(max_scenario_bytes + 1, '\0');
     if (in.is_open()) {
@@ -229,7 +298,7 @@ scenario load_scenario(const std::string& file) {
         throw scenario_error(
             fmt::format("scenario {}: is longer than {} bytes", file, max_scenario_bytes));
     try {
-        return parse_scenario(text);
+        return parse_scenario(text, handlers);
     } catch (const scenario_error& error) {
         throw scenario_error("scenario " + file + ": " + error.what());
     }

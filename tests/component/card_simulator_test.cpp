@@ -1,24 +1,20 @@
 // The simulated card as its clients see it, over its sockets.
 
-#include "card.hpp"
-
-#include "device_handler_client.hpp"
+#include "card_fixture.hpp"
 #include "eventually.hpp"
-#include "log_capture.hpp"
-#include "test_root.hpp"
+#include "raw_client.hpp"
+#include "wire_fixture.hpp"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <string>
+#include <utility>
 
 namespace {
 
-using simulator::card_options;
-using simulator::t47_card;
 namespace fs = std::filesystem;
 
 std::string content_of(const std::string& file) {
@@ -26,28 +22,9 @@ std::string content_of(const std::string& file) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-class CardSimulator : public testing::Test {
+class CardSimulator : public test::card_fixture {
   protected:
-    CardSimulator() {
-        test::empty_root();
-        card = std::make_unique<t47_card>(card_options{.root = root, .actions = {}});
-    }
-
-    static std::shared_ptr<device_handler_client> client_of(const std::string& handler) {
-        return device_handler_client::create("/tmp/device_handlers/" + handler, handler, {});
-    }
-    static int code_of_write(device_handler_client& client, const std::string& path, double value) {
-        try {
-            client.set<void>(path, value);
-        } catch (const dh_client_exception& error) {
-            return error.code;
-        }
-        return 0;
-    }
-
-    test::log_capture log;
     const std::string root = test::root();
-    std::unique_ptr<t47_card> card;
 };
 
 TEST_F(CardSimulator, LaysTheBoardsFiles) {
@@ -61,15 +38,16 @@ TEST_F(CardSimulator, LaysTheBoardsFiles) {
 
 TEST_F(CardSimulator, RootThatCannotBeWrittenIsAnError) {
     std::ofstream(root + "/file") << "in the way";
-    EXPECT_THROW(t47_card({.root = root + "/file", .actions = {}}), std::exception);
+    EXPECT_THROW(serve({.root = root + "/file", .actions = {}}), std::exception);
 }
 
 TEST_F(CardSimulator, SecondCardUnderTheSameRootIsAnError) {
-    EXPECT_THROW(t47_card({.root = root, .actions = {}}), std::exception);
+    EXPECT_THROW(serve({.root = root, .actions = {}}), std::exception);
 }
 
 TEST_F(CardSimulator, RemovesItsSocketsAtTheEnd) {
-    for (const std::string handler : {"wss_edge", "booster", "system_info", "system_start", "sim"})
+    for (const std::string handler :
+         {"wss_edge", "booster", "osc1", "osc2", "system_info", "system_start", "sim"})
         EXPECT_TRUE(fs::is_socket(root + "/tmp/device_handlers/" + handler)) << handler;
     card.reset();
     EXPECT_TRUE(fs::is_empty(root + "/tmp/device_handlers"));
@@ -194,6 +172,51 @@ TEST_F(CardSimulator, HandsReadBackWhatTheyTurned) {
     EXPECT_FALSE(client_of("system_start")->get<bool>("data/systemColdstart"));
 }
 
+TEST_F(CardSimulator, ServesWhatTheLineMonitorReads) {
+    for (const std::string osc : {"osc1", "osc2"}) {
+        const auto client = client_of(osc);
+        EXPECT_TRUE(client->get<bool>("data/configStatus"));
+        EXPECT_EQ(client->get<std::string>("data/linkStatus"), "up");
+        EXPECT_EQ(client->get<std::string>("data/debug/state"), "ready");
+        EXPECT_EQ(client->get<float>("data/fiberLength"), 20.0f);
+        EXPECT_EQ(client->get<float>("data/fiberDispersion"), 340.0f);
+        EXPECT_EQ(client->get<std::string>("data/neighbour"), "");
+    }
+}
+
+TEST_F(CardSimulator, ChangedOscIsPublishedAtOnceAndOnlyThere) {
+    test::raw_client subscriber(root + "/tmp/device_handlers/osc2");
+    subscriber.send_line(
+        R"({"jsonrpc":"2.0","method":"subscribe","params":{"paths":["data/linkStatus",)"
+        R"("data/debug/state","data/fiberLength","data/fiberDispersion","data/neighbour"]}})");
+    for (int initial = 0; initial < 5; ++initial)
+        ASSERT_TRUE(subscriber.read_line());
+    const auto change = [&](const std::string& name, const auto& value) {
+        client_of("sim")->set<void>("sim/osc/2/" + name, value);
+        return test::next_event(subscriber);
+    };
+    EXPECT_EQ(change("linkStatus", std::string("down")),
+              R"({"event":"value","path":"data/linkStatus","value":"down"})");
+    EXPECT_EQ(change("state", std::string("init")),
+              R"({"event":"value","path":"data/debug/state","value":"init"})");
+    EXPECT_EQ(change("length", 0.5f), R"({"event":"value","path":"data/fiberLength","value":0.5})");
+    EXPECT_EQ(change("dispersion", -8.5f),
+              R"({"event":"value","path":"data/fiberDispersion","value":-8.5})");
+    EXPECT_EQ(change("neighbour", std::string("fe80::1%eth_sfp_2")),
+              R"({"event":"value","path":"data/neighbour","value":"fe80::1%eth_sfp_2"})");
+    EXPECT_EQ(client_of("osc1")->get<std::string>("data/linkStatus"), "up");
+    EXPECT_EQ(client_of("sim")->get<float>("sim/osc/1/length"), 20.0f);
+    EXPECT_EQ(client_of("sim")->get<std::string>("sim/osc/2/neighbour"), "fe80::1%eth_sfp_2");
+}
+
+TEST_F(CardSimulator, FibreThatDoesNotExistIsRefused) {
+    const auto sim = client_of("sim");
+    EXPECT_EQ(code_of_write(*sim, "sim/osc/1/length", -0.5), -22);
+    EXPECT_EQ(code_of_write(*sim, "sim/osc/1/length", 1000.5), -22);
+    EXPECT_EQ(code_of_write(*sim, "sim/osc/1/dispersion", 50000.5), -22);
+    EXPECT_EQ(code_of_write(*sim, "sim/osc/3/length", 1.0), -2);
+}
+
 TEST_F(CardSimulator, TimePasses) {
     const auto sim = client_of("sim");
     const double before = sim->get<double>("sim/time");
@@ -222,8 +245,7 @@ TEST_F(CardSimulator, ControlValueIsDescribedAsReadAndWritten) {
 TEST_F(CardSimulator, SeedAndScenarioReachTheLight) {
     const float seeded = client_of("sim")->get<float>("sim/channel/1/launchPower");
     card.reset();
-    card = std::make_unique<t47_card>(card_options{
-        root, 2, simulator::parse_scenario(R"({"actions":[{"time":0,"action":"cut_fibre"}]})")});
+    serve({root, 2, simulator::parse_scenario(R"({"actions":[{"time":0,"action":"cut_fibre"}]})")});
     EXPECT_NE(client_of("sim")->get<float>("sim/channel/1/launchPower"), seeded);
     EXPECT_FALSE(client_of("sim")->get<bool>("sim/fibreIntact"));
 }

@@ -76,38 +76,9 @@ class wire_owner {
     door gate;
 };
 
-class wire_fixture : public testing::Test {
+// Lines of the wire as a client writes and expects them.
+class wire_lines {
   protected:
-    explicit wire_fixture(server_limits limits = {})
-        : server_(std::make_unique<dh_server>("tested", path_, limits)) {
-        using namespace dh::api;
-        dh_db& db = server_->db();
-        keep(const_value<unsigned int>::create(db, "data/slots", 4));
-        keep(config_param<&wire_owner::set_power>::create(db, "control/power", owner_));
-        keep(config_param<&wire_owner::set_name>::create(db, "control/name", owner_));
-        keep(command<&wire_owner::measure>::create(db, "command/measure", owner_));
-        keep(volatile_value<&wire_owner::get_blocked>::create(db, "data/blocked", owner_));
-        keep(volatile_value<&wire_owner::get_failing>::create(db, "data/failing", owner_));
-        keep(volatile_value<&wire_owner::get_client_failing>::create(db, "data/away", owner_));
-        keep(volatile_value<&wire_owner::get_runtime_failing>::create(db, "data/runtime", owner_));
-        keep(volatile_value<&wire_owner::get_unknown_failing>::create(db, "data/unknown", owner_));
-    }
-    // What waits in a getter is let go before the server waits for its sessions.
-    ~wire_fixture() override { owner_->gate.open(); }
-
-    // A node that a test changes.
-    template <class Node>
-    std::shared_ptr<Node> keep(std::shared_ptr<Node> node) {
-        nodes_.push_back(node);
-        return node;
-    }
-    std::shared_ptr<dh::api::status_value<unsigned int>> add_count(const std::string& path) {
-        return keep(dh::api::status_value<unsigned int>::create(server_->db(), path, 1, 0));
-    }
-    std::shared_ptr<dh::api::status_value<std::string>> add_text(const std::string& path) {
-        return keep(dh::api::status_value<std::string>::create(server_->db(), path, "", 0));
-    }
-
     static std::string request(const std::string& method, const std::string& params,
                                const std::string& id = "1") {
         return R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":")" + method + R"(","params":)" +
@@ -140,6 +111,39 @@ class wire_fixture : public testing::Test {
     static std::string entry_error(int code, const std::string& message) {
         return R"({"error":{"code":)" + std::to_string(code) + R"(,"message":")" + message +
                R"("}})";
+    }
+};
+
+class wire_fixture : public testing::Test, protected wire_lines {
+  protected:
+    explicit wire_fixture(server_limits limits = {})
+        : server_(std::make_unique<dh_server>("tested", path_, limits)) {
+        using namespace dh::api;
+        dh_db& db = server_->db();
+        keep(const_value<unsigned int>::create(db, "data/slots", 4));
+        keep(config_param<&wire_owner::set_power>::create(db, "control/power", owner_));
+        keep(config_param<&wire_owner::set_name>::create(db, "control/name", owner_));
+        keep(command<&wire_owner::measure>::create(db, "command/measure", owner_));
+        keep(volatile_value<&wire_owner::get_blocked>::create(db, "data/blocked", owner_));
+        keep(volatile_value<&wire_owner::get_failing>::create(db, "data/failing", owner_));
+        keep(volatile_value<&wire_owner::get_client_failing>::create(db, "data/away", owner_));
+        keep(volatile_value<&wire_owner::get_runtime_failing>::create(db, "data/runtime", owner_));
+        keep(volatile_value<&wire_owner::get_unknown_failing>::create(db, "data/unknown", owner_));
+    }
+    // What waits in a getter is let go before the server waits for its sessions.
+    ~wire_fixture() override { owner_->gate.open(); }
+
+    // A node that a test changes.
+    template <class Node>
+    std::shared_ptr<Node> keep(std::shared_ptr<Node> node) {
+        nodes_.push_back(node);
+        return node;
+    }
+    std::shared_ptr<dh::api::status_value<unsigned int>> add_count(const std::string& path) {
+        return keep(dh::api::status_value<unsigned int>::create(server_->db(), path, 1, 0));
+    }
+    std::shared_ptr<dh::api::status_value<std::string>> add_text(const std::string& path) {
+        return keep(dh::api::status_value<std::string>::create(server_->db(), path, "", 0));
     }
 
     // Whether the server serves a new client.

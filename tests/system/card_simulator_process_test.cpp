@@ -1,6 +1,7 @@
 // The card simulator as a process: what its command line takes, and its end.
 #include "device_handler_client.hpp"
 #include "process.hpp"
+#include "raw_client.hpp"
 #include "test_root.hpp"
 
 #include <gmock/gmock.h>
@@ -60,6 +61,19 @@ TEST_F(CardSimulatorProcess, EndsOnEitherSignalWithStatusZeroAndWithoutItsSocket
     }
 }
 
+TEST_F(CardSimulatorProcess, EndsOnASignalWhileAHandlerIsFrozen) {
+    start({"--card", "t47"});
+    ASSERT_TRUE(eventually([&] { return is_served(); }));
+    const auto hand = device_handler_client::create("/tmp/device_handlers/sim", "sim", {});
+    hand->set<void>("sim/handler/booster/frozen", true);
+    test::raw_client client(test::root() + "/tmp/device_handlers/booster");
+    client.send_line(R"({"jsonrpc":"2.0","id":1,"method":"version","params":{}})");
+    process_->signal(SIGTERM);
+    EXPECT_EQ(process_->end(), exited_with(0));
+    EXPECT_TRUE(client.is_closed_by_peer());
+    EXPECT_TRUE(std::filesystem::is_empty(test::root() + "/tmp/device_handlers"));
+}
+
 TEST_F(CardSimulatorProcess, RootOnTheCommandLineGoesBeforeTheEnvironment) {
     start({"--card", "t47", "--root", test::root() + "/other"});
     ASSERT_TRUE(eventually([&] { return is_served(); }));
@@ -74,6 +88,19 @@ TEST_F(CardSimulatorProcess, ScenarioRunsInTheProgramsTime) {
     const auto client = device_handler_client::create("/tmp/device_handlers/sim", "sim", {});
     EXPECT_TRUE(eventually([&] { return !client->get<bool>("sim/fibreIntact", true); }));
     EXPECT_TRUE(process_->has_logged("scenario msg: Scenario: cut_fibre"));
+}
+
+TEST_F(CardSimulatorProcess, ScenarioStopsAndStartsAHandlerInTheProgramsTime) {
+    test::put_file("/scenario.json", R"({"actions":[
+        {"time":3600,"action":"stop_handler","handler":"booster"},
+        {"time":7200,"action":"start_handler","handler":"booster"}]})");
+    start({"--card", "t47", "--scenario", test::root() + "/scenario.json"},
+          {{"VELT_TIME_SCALE", "3600"}});
+    const std::string socket = test::root() + "/tmp/device_handlers/booster";
+    EXPECT_TRUE(eventually(
+        [&] { return process_->has_logged("scenario msg: Scenario: start_handler booster"); }));
+    EXPECT_TRUE(eventually([&] { return std::filesystem::is_socket(socket); }));
+    EXPECT_TRUE(process_->has_logged("scenario msg: Scenario: stop_handler booster"));
 }
 
 TEST_F(CardSimulatorProcess, SocketThatIsServedAlreadyIsAnErrorOfItsOwn) {
@@ -104,6 +131,10 @@ TEST_F(CardSimulatorProcess, BadScenarioIsRefusedByName) {
                                "actions[0]: \"time\" is -1, outside 0 to 1000000000");
     expect_refusal_of_scenario(R"({"actions":[{"time":1,"action":"explode"}]})",
                                "actions[0]: there is no action \"explode\"");
+    expect_refusal_of_scenario(
+        R"({"actions":[{"time":1,"action":"stop_handler","handler":"sim"}]})",
+        "actions[0]: there is no handler \"sim\"; there are: system_start, system_info, "
+        "wss_edge, booster, osc1, osc2");
     expect_refusal({"--card", "t47", "--scenario", "/no/such/file"},
                    "scenario /no/such/file: cannot be read");
 }

@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 class LightPath : public testing::Test {
   protected:
     explicit LightPath(const std::string& actions = "")
-        : light(1, parse_scenario("{\"actions\":[" + actions + "]}")) {}
+        : light(1, parse_scenario("{\"actions\":[" + actions + "]}").on_plant) {}
 
     test::log_capture log;
     test::manual_time time;

@@ -1,4 +1,5 @@
 #include "scenario.hpp"
+#include "card_kind.hpp"
 
 #include "log_capture.hpp"
 
@@ -11,6 +12,8 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -35,7 +38,7 @@ std::string refusal_of_action(const std::string& members) {
 class Player : public testing::Test {
   protected:
     void play(const std::string& actions) {
-        player_.emplace(parse_scenario("{\"actions\":[" + actions + "]}"));
+        player_.emplace(parse_scenario("{\"actions\":[" + actions + "]}").on_plant);
     }
     bool advance(double now) { return player_->advance(controls, now); }
 
@@ -43,11 +46,13 @@ class Player : public testing::Test {
 
   private:
     test::log_capture log_;
-    std::optional<scenario_player> player_;
+    std::optional<plant_player> player_;
 };
 
 TEST(ScenarioFile, EmptyListOfActionsIsAScenario) {
-    EXPECT_TRUE(parse_scenario(R"({"description":"quiet","actions":[]})").empty());
+    const scenario parsed = parse_scenario(R"({"description":"quiet","actions":[]})");
+    EXPECT_TRUE(parsed.on_plant.empty());
+    EXPECT_TRUE(parsed.on_handlers.empty());
 }
 
 TEST(ScenarioFile, ActionsAreSortedByTimeAndKeepTheirOrderWithinOne) {
@@ -55,23 +60,101 @@ TEST(ScenarioFile, ActionsAreSortedByTimeAndKeepTheirOrderWithinOne) {
         {"time":5,"action":"booster_on"},
         {"time":2.5,"action":"cut_fibre"},
         {"time":5,"action":"booster_off"}]})");
-    ASSERT_EQ(parsed.size(), 3U);
-    EXPECT_EQ(parsed[0].name, "cut_fibre");
-    EXPECT_EQ(parsed[0].time, 2.5);
-    EXPECT_EQ(parsed[1].name, "booster_on");
-    EXPECT_EQ(parsed[2].name, "booster_off");
+    ASSERT_EQ(parsed.on_plant.size(), 3U);
+    EXPECT_EQ(parsed.on_plant[0].name, "cut_fibre");
+    EXPECT_EQ(parsed.on_plant[0].time, 2.5);
+    EXPECT_EQ(parsed.on_plant[1].name, "booster_on");
+    EXPECT_EQ(parsed.on_plant[2].name, "booster_off");
 }
 
 TEST(ScenarioFile, ChannelsAreOneOrAListOrAll) {
     const auto channels = [](const std::string& text) {
         const scenario parsed = parse_scenario(
             R"({"actions":[{"time":0,"action":"light_channels","channels":)" + text + "}]}");
-        return std::get<light_action>(parsed.at(0).action).channels;
+        return std::get<light_action>(parsed.on_plant.at(0).action).channels;
     };
     EXPECT_EQ(channels("48").to_ullong(), std::uint64_t{1} << 48);
     EXPECT_EQ(channels("[1,2,2]").to_ullong(), 0b110U);
     EXPECT_EQ(channels("\"all\"").count(), 48U);
     EXPECT_FALSE(channels("\"all\"").test(0));
+}
+
+// The actions on handlers of a card that has two.
+std::vector<timed_handler_action> handler_actions(const std::string& actions) {
+    return parse_scenario("{\"actions\":[" + actions + "]}", {"booster", "ppm/0"}).on_handlers;
+}
+
+std::string refusal_of_handler_action(const std::string& members) {
+    try {
+        handler_actions(R"({"time":1,)" + members + "}");
+    } catch (const scenario_error& error) {
+        return error.what();
+    }
+    return {};
+}
+
+TEST(ScenarioFile, ActionsOnHandlersAndOnTheLightAreKeptApart) {
+    const scenario parsed = parse_scenario(R"({"actions":[
+        {"time":5,"action":"stop_handler","handler":"ppm/0"},
+        {"time":2,"action":"cut_fibre"},
+        {"time":1,"action":"start_handler","handler":"ppm/0"}]})",
+                                           {"ppm/0"});
+    ASSERT_EQ(parsed.on_plant.size(), 1U);
+    ASSERT_EQ(parsed.on_handlers.size(), 2U);
+    EXPECT_EQ(parsed.on_handlers[0].name, "start_handler");
+    EXPECT_EQ(parsed.on_handlers[0].time, 1.0);
+    EXPECT_EQ(parsed.on_handlers[1].action.handler, "ppm/0");
+}
+
+TEST(ScenarioFile, EveryActionOnAHandlerIsKnownByItsName) {
+    const auto of = [](const std::string& name, const std::string& more = {}) {
+        return handler_actions(R"({"time":1,"handler":"booster","action":")" + name + '"' + more +
+                               "}")
+            .at(0)
+            .action;
+    };
+    EXPECT_EQ(of("stop_handler").what, handler_change::stop);
+    EXPECT_EQ(of("start_handler").what, handler_change::start);
+    EXPECT_EQ(of("restart_handler").what, handler_change::restart);
+    EXPECT_EQ(of("freeze_handler").what, handler_change::freeze);
+    EXPECT_EQ(of("thaw_handler").what, handler_change::thaw);
+    EXPECT_EQ(of("slow_handler", R"(,"delay":1.5)").what, handler_change::slow);
+    EXPECT_EQ(of("slow_handler", R"(,"delay":1.5)").delay, 1.5);
+    for (const auto& [name, what] : {std::pair{"fail_path", handler_change::fail_path},
+                                     {"mistype_path", handler_change::mistype_path},
+                                     {"heal_path", handler_change::heal_path}}) {
+        EXPECT_EQ(of(name, R"(,"path":"a/b c/d")").what, what);
+        EXPECT_EQ(of(name, R"(,"path":"a/b c/d")").path, "a/b c/d");
+    }
+}
+
+TEST(BadScenarioFile, HandlerThatTheCardDoesNotHaveIsRefused) {
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"stop_handler","handler":"sim")"),
+              "actions[0]: there is no handler \"sim\"; there are: booster, ppm/0");
+    EXPECT_NE(refusal_of_handler_action(R"("action":"stop_handler","handler":"booste")"), "");
+    EXPECT_NE(refusal_of_handler_action(R"("action":"stop_handler","handler":"")"), "");
+    EXPECT_NE(refusal_of_handler_action(R"("action":"stop_handler","handler":"booster\u0000")"),
+              "");
+}
+
+TEST(BadScenarioFile, MembersThatDoNotFitTheActionOnAHandlerAreRefused) {
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"freeze_handler")"),
+              "actions[0]: \"handler\" is missing");
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"freeze_handler","handler":1)"),
+              "actions[0]: \"handler\" is no text");
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"stop_handler","handler":"booster","delay":1)"),
+              "actions[0]: has no use for \"delay\"");
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"slow_handler","handler":"booster")"),
+              "actions[0]: \"delay\" is missing");
+    EXPECT_EQ(
+        refusal_of_handler_action(R"("action":"slow_handler","handler":"booster","delay":60.5)"),
+        "actions[0]: \"delay\" is 60.5, outside 0 to 60");
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"fail_path","handler":"booster")"),
+              "actions[0]: \"path\" is missing");
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"fail_path","handler":"booster","path":7)"),
+              "actions[0]: \"path\" is no text");
+    EXPECT_EQ(refusal_of_handler_action(R"("action":"heal_path","handler":"booster","path":" ")"),
+              "actions[0]: \"path\" is empty");
 }
 
 TEST(BadScenarioFile, WhatIsNotJsonIsRefusedWithItsLine) {
@@ -157,7 +240,7 @@ class ScenarioOnDisk : public testing::Test {
     std::string refusal_of_file(const std::string& content) {
         std::ofstream(file_, std::ios::binary) << content;
         try {
-            load_scenario(file_.string());
+            load_scenario(file_.string(), {});
         } catch (const scenario_error& error) {
             return error.what();
         }
@@ -182,9 +265,9 @@ TEST_F(ScenarioOnDisk, AFileLongerThanTheLimitIsRefused) {
 }
 
 TEST_F(ScenarioOnDisk, AFileThatCannotBeReadIsRefused) {
-    EXPECT_THROW(load_scenario("/no/such/file"), scenario_error);
-    EXPECT_THROW(load_scenario("/"), scenario_error);
-    EXPECT_THROW(load_scenario("/dev/zero"), scenario_error);
+    EXPECT_THROW(load_scenario("/no/such/file", {}), scenario_error);
+    EXPECT_THROW(load_scenario("/", {}), scenario_error);
+    EXPECT_THROW(load_scenario("/dev/zero", {}), scenario_error);
 }
 
 TEST_F(Player, ActionHappensAtItsTimeAndOnce) {
@@ -276,12 +359,13 @@ TEST_F(Player, ChangesStayWithinWhatExists) {
 }
 
 TEST(ExampleScenarios, AllParse) {
+    const auto t47_handlers = handler_names(*find_card_kind("t47"));
     unsigned found = 0;
     for (const auto& file : std::filesystem::directory_iterator(VELT_SCENARIO_DIR)) {
-        EXPECT_NO_THROW(load_scenario(file.path().string())) << file.path();
+        EXPECT_NO_THROW(load_scenario(file.path().string(), t47_handlers)) << file.path();
         ++found;
     }
-    EXPECT_GE(found, 3U);
+    EXPECT_GE(found, 4U);
 }
 
 }  // namespace

@@ -1,0 +1,46 @@
+#include "card_kind.hpp"
+
+#include "booster_handler.hpp"
+#include "osc_handler.hpp"
+#include "wss_edge_handler.hpp"
+
+#include <algorithm>
+#include <array>
+
+namespace simulator {
+namespace {
+
+// EDFA and express ports, one control loop.
+std::vector<handler_plan> t47_handlers(const card_kind& kind, const card_models& models) {
+    return {system_start_handler(models.start),
+            system_info_handler(kind.identity),
+            wss_edge_handler({{models.light, "wss", "ocm/1"}}, "ocm/2"),
+            booster_handler(models.light),
+            osc_handler("osc1", models.osc[0]),
+            osc_handler("osc2", models.osc[1])};
+}
+
+const std::array<card_kind, 1>& card_kinds() {
+    static const std::array<card_kind, 1> kinds{{
+        {"t47", "velt,t47", {"VLT-Q-T47", "1.0.0", "1"}, t47_handlers},
+    }};
+    return kinds;
+}
+
+}  // namespace
+
+const card_kind* find_card_kind(const std::string& name) {
+    const auto& kinds = card_kinds();
+    const auto* const found = std::find_if(
+        kinds.begin(), kinds.end(), [&](const card_kind& kind) { return kind.name == name; });
+    return found == kinds.end() ? nullptr : found;
+}
+
+std::vector<std::string> handler_names(const card_kind& kind) {
+    std::vector<std::string> names;
+    for (const handler_plan& plan : kind.handlers(kind, card_models(0)))
+        names.push_back(plan.socket);
+    return names;
+}
+
+}  // namespace simulator
