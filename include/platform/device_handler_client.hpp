@@ -384,6 +384,8 @@ class device_handler_subscriber {
   public:
     explicit device_handler_subscriber(std::string path) : path_(std::move(path)) {}
 
+    // A parameter that has no value, in place of the first event.
+    virtual void send_unset_event(std::string_view) {}
     virtual void send_changed_value_event(std::string_view path, const json::value& v) = 0;
     virtual void send_exception_event(std::string_view path, const dh_client_exception&) = 0;
     virtual void send_subscription_ended_event(std::string_view path, subscription_ended_rc) = 0;

@@ -106,9 +106,9 @@ dh_client_exception dh::client::error_of(const json::value& error) {
     const json::value* code = json::find(error, "code");
     const json::value* message = json::find(error, "message");
     const bool has_text = message != nullptr && message->IsString();
-    return {code != nullptr ? error_code_of(*code) : dh_error_code::unknown,
-            has_text ? std::string(message->GetString(), message->GetStringLength())
-                     : std::string()};
+    return {
+        code != nullptr ? error_code_of(*code) : dh_error_code::unknown,
+        has_text ? std::string(message->GetString(), message->GetStringLength()) : std::string()};
 }
 
 void device_handler_reply_gate::wait() {

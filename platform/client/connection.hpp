@@ -87,7 +87,7 @@ class device_handler_client_base::connection
     };
 
     struct event {
-        enum class kind { value, error, ended, listed, added, removed, watch_failed } what;
+        enum class kind { value, unset, error, ended, listed, added, removed, watch_failed } what;
         std::string path;
         bool is_first = false;
         json::document value;  // also the nodes of a listing, and the info of a node

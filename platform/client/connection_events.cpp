@@ -80,13 +80,12 @@ class connection::subscribe_request : public device_handler_request {
         const auto owner = owner_.lock();
         for (rapidjson::SizeType i = 0; owner && i < result.Size(); ++i) {
             const json::value* error = json::find(result[i], "error");
-            if (error == nullptr)
-                continue;
-            event refusal{};
-            refusal.what = event::kind::error;
-            refusal.path = paths_[i];
-            refusal.error = error_of(*error);
-            owner->queue_event(std::move(refusal));
+            const json::value* value = json::find(result[i], "value");
+            // What has a value sends it as an event of its own.
+            if (error != nullptr)
+                tell(*owner, paths_[i], event::kind::error, error_of(*error));
+            else if (value != nullptr && value->IsNull())
+                tell(*owner, paths_[i], event::kind::unset, {0, {}});
         }
         return true;
     }
@@ -95,6 +94,16 @@ class connection::subscribe_request : public device_handler_request {
     void report_local_error(int, const std::string&) override {}
 
   private:
+    static void tell(connection& owner, const std::string& path, event::kind what,
+                     dh_client_exception error) {
+        event told{};
+        told.what = what;
+        told.path = path;
+        told.is_first = what == event::kind::unset;
+        told.error = std::move(error);
+        owner.queue_event(std::move(told));
+    }
+
     const char* const method_;
     const std::vector<std::string> paths_;
     const std::weak_ptr<connection> owner_;
@@ -210,6 +219,7 @@ bool connection::is_asked_for_locked(const event& came) {
                 return wire::is_under(came.path, watched.prefix);
             });
         case event::kind::value:
+        case event::kind::unset:
         case event::kind::error:
         case event::kind::ended:
             break;
@@ -285,6 +295,7 @@ void connection::serve_events() {
 void connection::deliver(const event& came) {
     switch (came.what) {
         case event::kind::value:
+        case event::kind::unset:
         case event::kind::error:
         case event::kind::ended:
             deliver_to_subscribers(came);
@@ -317,6 +328,8 @@ void connection::deliver_to_subscribers(const event& came) {
         call_receiver(came, [&] {
             if (came.what == event::kind::value)
                 subscriber->send_changed_value_event(came.path, came.value);
+            else if (came.what == event::kind::unset)
+                subscriber->send_unset_event(came.path);
             else if (came.what == event::kind::error)
                 subscriber->send_exception_event(came.path, came.error);
             else

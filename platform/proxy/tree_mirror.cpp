@@ -35,6 +35,9 @@ class setting_subscriber final : public device_handler_subscriber {
           node_(std::move(node)),
           on_update_(std::move(on_update)) {}
 
+    void send_unset_event(std::string_view path) override {
+        send_changed_value_event(path, json::value());
+    }
     void send_changed_value_event(std::string_view, const json::value& value) override {
         node_->publish(value);
         if (on_update_)
