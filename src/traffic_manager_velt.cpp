@@ -21,11 +21,6 @@ constexpr auto readiness_pause = 1s;
 // Between the end of a module's work and the end of its mirror.
 constexpr auto disconnect_pause = 10ms;
 
-// What holds on a card whose settings were never changed.
-constexpr unsigned default_max_channels = 40;
-constexpr unsigned default_eq_max_channels = 48;
-constexpr float default_attenuation = 15.1F;  // dB
-
 bool has_control_loop() {
     const device_tree_lib& board = device_tree_lib::instance();
     return board.is_velt_t47() || board.is_velt_mx47();
@@ -110,15 +105,6 @@ void traffic_manager_velt::start_control_loop() {
     control_loop_ =
         control_loop_main::create(proxy_, listener_, wss_edge_->client(), booster_->client());
     control_loop_->create_paths();
-}
-
-void traffic_manager_velt::update_using_configuration_parameters() {
-    control_loop_->set_maxChannels_nosave(0, default_max_channels);
-    if (control_loop_main::has_two_loops())
-        control_loop_->set_maxChannels_nosave(1, default_eq_max_channels);
-    control_loop_->set_edfa_defaultAttenuation_nosave(default_attenuation);
-    if (!control_loop_main::has_two_loops())
-        control_loop_->set_express_defaultAttenuation_nosave(default_attenuation);
 }
 
 // Not being ready in time is no reason not to serve.

@@ -37,7 +37,18 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     void start_wss_edge();
     void start_osc();
     void start_control_loop();
+
     void update_using_configuration_parameters();
+    void await_wss_edge_configuration();
+    void restore_max_channels();
+    void restore_channels_t47();
+    void restore_channels_mx47();
+    void restore_wanted_power_mx47(unsigned port, const char* port_name, unsigned channel);
+    void restore_eq_channel_attenuation(unsigned channel);
+    void restore_edfa_channel_attenuation(unsigned channel);
+    void restore_combined_mode();
+    void restore_default_attenuations();
+
     template <class Module>
     void mirror_while_connected(const std::shared_ptr<Module>& module);
 
