@@ -177,15 +177,17 @@ void dh_server::implementation::wake() {
 
 void dh_server::implementation::run() {
     auto next_interface_check = std::chrono::steady_clock::now();
-    for (;;) {
+    // Looked at after `handle`, which may have taken the call to wake up.
+    while (!is_stopping()) {
         std::array<epoll_event, 16> events{};
         const int timeout = has_interfaces() ? static_cast<int>(interface_retry.count()) : -1;
         const int count =
             ::epoll_wait(poll_, events.data(), static_cast<int>(events.size()), timeout);
-        if (interposer_ != nullptr)
+        if (interposer_ != nullptr) {
             interposer_->before_service();
-        if (is_stopping())
-            return;
+            if (is_stopping())
+                return;
+        }
         for (int i = 0; i < count; ++i)
             handle(events[static_cast<std::size_t>(i)].data.u64);
         join_ended_sessions();
