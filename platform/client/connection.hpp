@@ -90,6 +90,7 @@ class device_handler_client_base::connection
         enum class kind { value, unset, error, ended, listed, added, removed, watch_failed } what;
         std::string path;
         bool is_first = false;
+        bool ends_subscription = false;  // the next one has a first event again
         json::document value;  // also the nodes of a listing, and the info of a node
         dh_client_exception error{0, {}};
         int reason = 0;

@@ -100,6 +100,7 @@ class connection::subscribe_request : public device_handler_request {
         told.what = what;
         told.path = path;
         told.is_first = what == event::kind::unset;
+        told.ends_subscription = what == event::kind::error;
         told.error = std::move(error);
         owner.queue_event(std::move(told));
     }
@@ -196,6 +197,7 @@ bool connection::process_event(const json::value& params) {
         came.error = error_of(*error);
     } else if (kind == "ended") {
         came.what = event::kind::ended;
+        came.ends_subscription = true;
         came.reason = reason != nullptr && reason->IsInt() ? reason->GetInt() : 0;
     } else if (kind == "added" && info != nullptr) {
         came.what = event::kind::added;
@@ -320,7 +322,7 @@ void connection::deliver_to_subscribers(const event& came) {
             // The first event answers a subscribe; who has had it knows the value.
             if (came.is_first && !each.awaits_first_event)
                 continue;
-            each.awaits_first_event = false;
+            each.awaits_first_event = came.ends_subscription;
             called.push_back(each.subscriber);
         }
     }
