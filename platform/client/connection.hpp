@@ -91,7 +91,7 @@ class device_handler_client_base::connection
         std::string path;
         bool is_first = false;
         bool ends_subscription = false;  // the next one has a first event again
-        json::document value;  // also the nodes of a listing, and the info of a node
+        json::document value;            // also the nodes of a listing, and the info of a node
         dh_client_exception error{0, {}};
         int reason = 0;
         std::uint64_t watch = 0;  // that was listed, or failed
@@ -132,7 +132,8 @@ class device_handler_client_base::connection
     void raise_lost_event();
 
     void renew_subscriptions();
-    void request_subscriptions(const char* method, std::vector<std::string> paths);
+    void request_subscriptions(bool begins, std::vector<std::string> paths);
+    void forget_asked_before(const std::vector<std::string>& paths);
     void listen_for_events_locked();
     void deliver(const event&);
     void deliver_to_subscribers(const event&);
@@ -159,8 +160,8 @@ class device_handler_client_base::connection
     std::deque<outstanding> outstanding_;
     clock::time_point front_since_;  // when the first of them became the next to be answered
     std::map<std::string, std::vector<subscription>, std::less<>> subscriptions_;
-    std::set<std::string, std::less<>> asked_before_;  // of which events may be on their way
-    std::vector<watched_tree> watches_;                // of the link
+    std::multiset<std::string> asked_before_;  // unsubscribed, and not answered yet
+    std::vector<watched_tree> watches_;        // of the link
     bool renewal_is_due_ = false;
     bool is_being_served_ = false;  // the event thread will find what is added to events_
     std::deque<event> events_;

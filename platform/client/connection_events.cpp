@@ -58,11 +58,11 @@ void write_prefix(json::writer& out, const std::string& prefix) {
 // Asks for the events of paths. Errors of single paths go to their subscribers.
 class connection::subscribe_request : public device_handler_request {
   public:
-    subscribe_request(const char* method, std::vector<std::string> paths,
-                      std::weak_ptr<connection> owner)
-        : method_(method), paths_(std::move(paths)), owner_(std::move(owner)) {}
+    // `begins` or else ends the subscriptions.
+    subscribe_request(bool begins, std::vector<std::string> paths, std::weak_ptr<connection> owner)
+        : begins_(begins), paths_(std::move(paths)), owner_(std::move(owner)) {}
 
-    const char* method() const override { return method_; }
+    const char* method() const override { return begins_ ? "subscribe" : "unsubscribe"; }
 
     void write_params(json::writer& out) const override {
         out.StartObject();
@@ -78,6 +78,8 @@ class connection::subscribe_request : public device_handler_request {
         if (!result.IsArray() || result.Size() != paths_.size())
             return false;
         const auto owner = owner_.lock();
+        if (owner && !begins_)
+            owner->forget_asked_before(paths_);
         for (rapidjson::SizeType i = 0; owner && i < result.Size(); ++i) {
             const json::value* error = json::find(result[i], "error");
             const json::value* value = json::find(result[i], "value");
@@ -105,7 +107,7 @@ class connection::subscribe_request : public device_handler_request {
         owner.queue_event(std::move(told));
     }
 
-    const char* const method_;
+    const bool begins_;
     const std::vector<std::string> paths_;
     const std::weak_ptr<connection> owner_;
 };
@@ -407,7 +409,7 @@ void connection::add_subscribers(const subscribers& added) {
             return;
         listen_for_events_locked();
     }
-    request_subscriptions("subscribe", std::move(paths));
+    request_subscriptions(true, std::move(paths));
 }
 
 void connection::remove_subscribers(const subscribers& gone) {
@@ -423,13 +425,14 @@ void connection::remove_subscribers(const subscribers& gone) {
             if (!found->second.empty())
                 continue;
             subscriptions_.erase(found);
-            asked_before_.insert(subscriber->path());
+            if (state_ == state::up)
+                asked_before_.insert(subscriber->path());
             paths.push_back(subscriber->path());
         }
         if (state_ != state::up)
             return;
     }
-    request_subscriptions("unsubscribe", std::move(paths));
+    request_subscriptions(false, std::move(paths));
 }
 
 void connection::watch(std::string prefix, std::size_t max_nodes,
@@ -476,16 +479,26 @@ void connection::renew_subscriptions() {
         if (!paths.empty())
             listen_for_events_locked();
     }
-    request_subscriptions("subscribe", std::move(paths));
+    request_subscriptions(true, std::move(paths));
 }
 
-void connection::request_subscriptions(const char* method, std::vector<std::string> paths) {
+void connection::request_subscriptions(bool begins, std::vector<std::string> paths) {
     for (std::size_t begin = 0; begin < paths.size(); begin += wire::max_entries) {
         const std::size_t end = std::min(begin + wire::max_entries, paths.size());
         const auto first = paths.begin() + static_cast<std::ptrdiff_t>(begin);
         const auto last = paths.begin() + static_cast<std::ptrdiff_t>(end);
-        send(std::make_shared<subscribe_request>(method, std::vector<std::string>(first, last),
+        send(std::make_shared<subscribe_request>(begins, std::vector<std::string>(first, last),
                                                  weak_from_this()));
+    }
+}
+
+// The answer to an unsubscribe comes after the last event.
+void connection::forget_asked_before(const std::vector<std::string>& paths) {
+    const std::lock_guard lock(mutex_);
+    for (const std::string& path : paths) {
+        const auto one = asked_before_.find(path);
+        if (one != asked_before_.end())
+            asked_before_.erase(one);
     }
 }
 
