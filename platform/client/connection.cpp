@@ -236,8 +236,12 @@ void connection::process_line(const std::shared_ptr<link>& open, std::string_vie
         if (!is_first)
             process_reply(*parsed);
     } else if (const json::value* params = json::find(*parsed, "params")) {
-        if (!process_event(*params))
+        if (!process_event(*params)) {
+            if (too_many_events_.is_worth_a_line())
+                MSG_LOG(log_channel, msg_log::failure)
+                    << "msg: " << where_.description << " sends more events than can be taken";
             break_link(open, dh_client_code::bad_reply, "bad reply");
+        }
     }
     if (is_first)
         came_up();

@@ -168,5 +168,6 @@ class device_handler_client_base::connection
 
     recurring_complaint unreadable_line_;
     recurring_complaint unasked_event_;
+    recurring_complaint too_many_events_;
     recurring_complaint refused_event_;
 };
