@@ -128,9 +128,18 @@ class proxy : public std::enable_shared_from_this<proxy> {
     template <class Node, class T>
     std::shared_ptr<device_handler_subscriber> mirroring_subscriber(const std::string& remote_path,
                                                                     const std::string& local_path);
+    // Keeps the subscriber for the local path, and starts it.
     void start_subscription(const std::shared_ptr<device_handler_client_api>& client,
                             const std::string& local_path,
                             std::shared_ptr<device_handler_subscriber> subscriber);
+    struct kept_mirror {
+        std::string local_path;
+        std::shared_ptr<device_handler_subscriber> subscriber;
+    };
+    // Gives the client all those subscribers that are kept still.
+    void start_kept_mirrors(const std::shared_ptr<device_handler_client_api>& client,
+                            const std::vector<kept_mirror>& begun);
+    bool keeps(const kept_mirror&) const;
     // Keeps the subscriber for the local path; the one before it ends.
     void keep_mirror(const std::shared_ptr<device_handler_client_api>& client,
                      const std::string& local_path,
@@ -176,6 +185,14 @@ class proxy_node {
         const auto owner = proxy_.lock();
         if (!owner)
             return report_missing();
+        // Somebody else may have made it since: a subscriber that this one replaced.
+        if (owner->db().contains(path_)) {
+            const auto found = owner->template get_path_node<Node>(path_);
+            if (!found)
+                return false;
+            node_ = *found;
+            return update(std::move(value));
+        }
         if constexpr (is_status)
             node_ = owner->template add_status_path<T>(path_, std::move(value));
         else

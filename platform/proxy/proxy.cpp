@@ -53,9 +53,36 @@ void proxy::start_subscription(const std::shared_ptr<device_handler_client_api>&
                                const std::string& local_path,
                                std::shared_ptr<device_handler_subscriber> subscriber) {
     keep_mirror(client, local_path, subscriber);
-    client->add_subscriber(subscriber);
-    MSG_LOG("dh_proxy/subscribe", msg_log::detail)
-        << fmt::format("Subscription started on '{}' -> '{}'", subscriber->path(), local_path);
+    start_kept_mirrors(client, {{local_path, std::move(subscriber)}});
+}
+
+void proxy::start_kept_mirrors(const std::shared_ptr<device_handler_client_api>& client,
+                               const std::vector<kept_mirror>& begun) {
+    std::vector<std::shared_ptr<device_handler_subscriber>> subscribers;
+    for (const kept_mirror& each : begun) {
+        if (keeps(each))
+            subscribers.push_back(each.subscriber);
+    }
+    if (subscribers.empty())
+        return;
+    client->add_subscribers(subscribers);
+    for (const kept_mirror& each : begun)
+        MSG_LOG("dh_proxy/subscribe", msg_log::detail) << fmt::format(
+            "Subscription started on '{}' -> '{}'", each.subscriber->path(), each.local_path);
+    // Whoever replaced one meanwhile could not take it from the client yet.
+    std::vector<std::shared_ptr<device_handler_subscriber>> replaced;
+    for (const kept_mirror& each : begun) {
+        if (!keeps(each))
+            replaced.push_back(each.subscriber);
+    }
+    if (!replaced.empty())
+        client->remove_subscribers(replaced);
+}
+
+bool proxy::keeps(const kept_mirror& each) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = mirrors_.find(each.local_path);
+    return found != mirrors_.end() && found->second.subscriber == each.subscriber;
 }
 
 void proxy::keep_mirror(const std::shared_ptr<device_handler_client_api>& client,

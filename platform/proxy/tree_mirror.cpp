@@ -78,7 +78,7 @@ void tree_mirror::start(const std::shared_ptr<device_handler_client_api>& client
 void tree_mirror::stop(std::string_view prefix) {
     const auto owner = proxy_.lock();
     std::shared_ptr<device_handler_client_api> client;
-    subscribers ended;
+    std::vector<std::shared_ptr<device_handler_subscriber>> ended;
     bool ends_all = false;
     {
         const std::lock_guard lock(mutex_);
@@ -110,13 +110,13 @@ void tree_mirror::tree_listed(const json::value& nodes, bool is_cut) {
     if (is_cut)
         report_too_many_nodes();
     drop_missing(*owner, nodes);
-    subscribers begun;
+    std::vector<proxy::kept_mirror> begun;
     for (const json::value& node : nodes.GetArray()) {
         const json::value* info = json::find(node, "info");
         if (info != nullptr)
             adopt(*owner, path_of(node), *info, begun);
     }
-    begin_subscriptions(begun);
+    owner->start_kept_mirrors(client_, begun);
 }
 
 void tree_mirror::node_added(const std::string& path, const json::value& info) {
@@ -124,9 +124,9 @@ void tree_mirror::node_added(const std::string& path, const json::value& info) {
     const std::lock_guard lock(mutex_);
     if (!owner || !client_)
         return;
-    subscribers begun;
+    std::vector<proxy::kept_mirror> begun;
     adopt(*owner, path, info, begun);
-    begin_subscriptions(begun);
+    owner->start_kept_mirrors(client_, begun);
 }
 
 void tree_mirror::node_removed(const std::string& path) {
@@ -209,7 +209,7 @@ bool tree_mirror::may_feed(const proxy& owner, const std::string& local, const n
 }
 
 void tree_mirror::adopt(proxy& owner, const std::string& remote_path, const json::value& info,
-                        subscribers& begun) {
+                        std::vector<proxy::kept_mirror>& begun) {
     const node_type type = type_of(info);
     auto known = nodes_.find(remote_path);
     if (known != nodes_.end() && known->second.type != type) {
@@ -232,8 +232,9 @@ void tree_mirror::adopt(proxy& owner, const std::string& remote_path, const json
         known->second.passed->describe(info);
     }
     if (auto subscriber = make_subscriber(owner, remote_path, known->second)) {
-        owner.keep_mirror(client_, local_path(remote_path), subscriber);
-        begun.push_back(std::move(subscriber));
+        const std::string local = local_path(remote_path);
+        owner.keep_mirror(client_, local, subscriber);
+        begun.push_back({local, std::move(subscriber)});
     }
 }
 
@@ -264,16 +265,6 @@ std::shared_ptr<device_handler_subscriber> tree_mirror::make_subscriber(
         node.type.value, [&]<class T>() {
             return owner.mirroring_subscriber<typename mirror_node<T>::type, T>(remote_path, local);
         });
-}
-
-void tree_mirror::begin_subscriptions(const subscribers& begun) {
-    if (begun.empty())
-        return;
-    client_->add_subscribers(begun);
-    for (const auto& subscriber : begun)
-        MSG_LOG("dh_proxy/subscribe", msg_log::detail)
-            << fmt::format("Subscription started on '{}' -> '{}'", subscriber->path(),
-                           local_path(subscriber->path()));
 }
 
 }  // namespace dh::util

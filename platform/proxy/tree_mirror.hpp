@@ -50,17 +50,15 @@ class tree_mirror final : public device_handler_tree_watcher,
         std::shared_ptr<passed_through> passed;
     };
 
-    using subscribers = std::vector<std::shared_ptr<device_handler_subscriber>>;
-
     // All with `mutex_` held.
-    void adopt(proxy&, const std::string& remote_path, const json::value& info, subscribers&);
+    void adopt(proxy&, const std::string& remote_path, const json::value& info,
+               std::vector<proxy::kept_mirror>& begun);
     bool may_be_mirrored(const proxy&, const std::string& remote_path);
     mirrored_node make_node(proxy&, const std::string& remote_path, const node_type&,
                             const json::value& info) const;
     std::shared_ptr<device_handler_subscriber> make_subscriber(proxy&,
                                                                const std::string& remote_path,
                                                                const mirrored_node&) const;
-    void begin_subscriptions(const subscribers&);
     void drop(proxy&, const std::string& remote_path);
     void drop_missing(proxy&, const json::value& listed_nodes);
     void report_too_many_nodes();
