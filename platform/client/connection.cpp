@@ -145,6 +145,7 @@ void connection::send_bytes(const std::shared_ptr<link>& open, std::string_view 
             pollfd writable{open->socket, POLLOUT, 0};
             ::poll(&writable, 1, static_cast<int>(reader_nap.count()));
             if (clock::now() >= end) {
+                complain(overdue_, "does not take what is sent to it");
                 break_link(open, dh_client_code::timed_out, "timed out");
                 return;
             }
@@ -153,6 +154,11 @@ void connection::send_bytes(const std::shared_ptr<link>& open, std::string_view 
             return;
         }
     }
+}
+
+void connection::complain(recurring_complaint& of, const char* what) const {
+    if (of.is_worth_a_line())
+        MSG_LOG(log_channel, msg_log::failure) << "msg: " << where_.description << " " << what;
 }
 
 void connection::await(const device_handler_request& request) {
@@ -205,8 +211,10 @@ void connection::read_once(const std::shared_ptr<link>& open, milliseconds patie
     open->lines.filled(static_cast<std::size_t>(got));
     while (const auto line = open->lines.next())
         process_line(open, *line);
-    if (open->lines.too_long())
+    if (open->lines.too_long()) {
+        complain(long_line_, "sent a line that is too long");
         break_link(open, dh_client_code::bad_reply, "bad reply");
+    }
 }
 
 void connection::process_line(const std::shared_ptr<link>& open, std::string_view line) {
@@ -214,14 +222,14 @@ void connection::process_line(const std::shared_ptr<link>& open, std::string_vie
     bool may_be_a_reply = false;
     {
         const std::lock_guard lock(mutex_);
-        is_first = link_ == open && state_ == state::handshaking;
+        if (link_ != open)
+            return;  // broken over a line before this one
+        is_first = state_ == state::handshaking;
         may_be_a_reply = is_first || (!outstanding_.empty() && !names_a_method(line));
     }
     const json::value* const parsed = open->parser.parse(line);
     if (parsed == nullptr || !parsed->IsObject()) {
-        if (unreadable_line_.is_worth_a_line())
-            MSG_LOG(log_channel, msg_log::failure)
-                << "msg: " << where_.description << " sent a line that is no message";
+        complain(unreadable_line_, "sent a line that is no message");
         // Of an event nothing is lost but the event.
         if (may_be_a_reply)
             break_link(open, dh_client_code::bad_reply, "bad reply");
@@ -237,9 +245,7 @@ void connection::process_line(const std::shared_ptr<link>& open, std::string_vie
             process_reply(*parsed);
     } else if (const json::value* params = json::find(*parsed, "params")) {
         if (!process_event(*params)) {
-            if (too_many_events_.is_worth_a_line())
-                MSG_LOG(log_channel, msg_log::failure)
-                    << "msg: " << where_.description << " sends more events than can be taken";
+            complain(too_many_events_, "sends more events than can be taken");
             break_link(open, dh_client_code::bad_reply, "bad reply");
         }
     }
@@ -437,6 +443,7 @@ void connection::check_time_limits(lock_type& lock) {
         return;
     const auto open = link_;
     lock.unlock();
+    complain(overdue_, "does not answer in time");
     break_link(open, dh_client_code::timed_out, "timed out");
     lock.lock();
 }

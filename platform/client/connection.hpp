@@ -130,6 +130,7 @@ class device_handler_client_base::connection
     void fail_attempt_locked();
     void break_link(const std::shared_ptr<link>&, int code, const std::string& message);
     void raise_lost_event();
+    void complain(recurring_complaint& of, const char* what) const;
 
     void renew_subscriptions();
     void request_subscriptions(bool begins, std::vector<std::string> paths);
@@ -167,6 +168,8 @@ class device_handler_client_base::connection
     std::deque<event> events_;
 
     recurring_complaint unreadable_line_;
+    recurring_complaint long_line_;
+    recurring_complaint overdue_;
     recurring_complaint unasked_event_;
     recurring_complaint too_many_events_;
     recurring_complaint refused_event_;
