@@ -139,7 +139,7 @@ void tree_mirror::node_removed(const std::string& path) {
 void tree_mirror::watch_failed(const dh_client_exception& error) {
     // A connection that is gone is told of, and watched anew when it returns.
     if (error.code == dh_client_code::not_connected ||
-        error.code == dh_client_code::connection_lost)
+        error.code == dh_client_code::connection_lost || error.code == dh_client_code::timed_out)
         return;
     if (failed_watch_.is_worth_a_line())
         MSG_LOG(log_channel, msg_log::failure)
