@@ -273,7 +273,8 @@ std::shared_ptr<device_handler_subscriber> proxy::mirroring_subscriber(
     } else if constexpr (!std::is_same_v<Node, dh::api::status_value<T>>) {
         const auto made = Node::create(db_, local_path);
         value_group_.add_value(made, 1);
-        node = made;
+        // Another thread may have been faster.
+        node = made->is_attached() ? made : get_path_node<Node>(local_path).value_or(made);
     }
     auto target = std::make_shared<proxy_node<Node, T>>(local_path, weak_from_this(),
                                                         std::move(node), callback_of(local_path));
