@@ -26,6 +26,9 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     // Always 0; a call that hangs shows that somebody holds the main mutex.
     unsigned mutex_status();
 
+    // What all functional objects are given. The main mutex guards its clients.
+    const std::shared_ptr<dh::util::proxy>& proxy() const { return proxy_; }
+
     class connection_listener;
 
   private:
