@@ -19,7 +19,8 @@
 // not wait for the poll thread.
 //
 // `port` is the index of a regulator: 0 is the first loop, 1 the EQ loop of a
-// two-loop card. `channel` is a channel-ix, 1 to 48. Powers are in dBm,
+// two-loop card; one that the card does not have throws std::out_of_range, and
+// nothing is saved for it. `channel` is a channel-ix, 1 to 48. Powers are in dBm,
 // attenuations in dB. What reaches a device handler throws dh_client_exception
 // where the handler cannot be reached.
 class control_loop_main : public std::enable_shared_from_this<control_loop_main> {
@@ -151,6 +152,8 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     std::string get_slot_communication_status() const { return slot_communication_status_.get(); }
 
   private:
+    regulation_handler& regulator(unsigned port) const;
+
     void start_poll_thread();
     void poll_func();
     bool wait_for_configuration();

@@ -1,160 +1,169 @@
 // What the control tree reads from and hands on to the regulators.
 #include "control_loop.hpp"
 
+#include <stdexcept>
+#include <string>
+
+regulation_handler& control_loop_main::regulator(unsigned port) const {
+    if (port >= regulators_.size() || !regulators_[port])
+        throw std::out_of_range("this card has no control loop of port " + std::to_string(port));
+    return *regulators_[port];
+}
+
 float control_loop_main::get_cal_cloop_wss_il_edfaport() const {
-    return regulators_[0]->get_cal_cloop_wss_il_edfaport();
+    return regulator(0).get_cal_cloop_wss_il_edfaport();
 }
 
 float control_loop_main::get_cal_cloop_wss_il_expressport() const {
-    return regulators_[0]->get_cal_cloop_wss_il_expressport();
+    return regulator(0).get_cal_cloop_wss_il_expressport();
 }
 
 float control_loop_main::get_wantedPowerMax(unsigned port) const {
-    return regulators_[port]->get_wantedPowerMax();
+    return regulator(port).get_wantedPowerMax();
 }
 
 float control_loop_main::get_wantedPowerMin(unsigned port) const {
-    return regulators_[port]->get_wantedPowerMin();
+    return regulator(port).get_wantedPowerMin();
 }
 
 float control_loop_main::get_wantedPowerDefault(unsigned port) const {
-    return regulators_[port]->get_wantedPowerDefault();
+    return regulator(port).get_wantedPowerDefault();
 }
 
 void control_loop_main::set_wantedPowerMax(unsigned port, float power) {
-    regulators_[port]->set_wantedPowerMax(power);
+    regulator(port).set_wantedPowerMax(power);
 }
 
 void control_loop_main::set_wantedPowerMin(unsigned port, float power) {
-    regulators_[port]->set_wantedPowerMin(power);
+    regulator(port).set_wantedPowerMin(power);
 }
 
 float control_loop_main::get_wanted_power(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_wanted_power(channel);
+    return regulator(port).get_wanted_power(channel);
 }
 
 float control_loop_main::get_rxPower(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_rxPowerChannel(channel);
+    return regulator(port).get_rxPowerChannel(channel);
 }
 
 float control_loop_main::get_txPower(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_txPowerChannel(channel);
+    return regulator(port).get_txPowerChannel(channel);
 }
 
 unsigned control_loop_main::get_maxChannels(unsigned port) const {
-    return static_cast<unsigned>(regulators_[port]->get_number_of_AllowedChannels());
+    return static_cast<unsigned>(regulator(port).get_number_of_AllowedChannels());
 }
 
 void control_loop_main::set_number_of_AllowedChannels(unsigned port, unsigned count) {
-    regulators_[port]->set_number_of_AllowedChannels(static_cast<int>(count));
+    regulator(port).set_number_of_AllowedChannels(static_cast<int>(count));
 }
 
 unsigned control_loop_main::get_number_of_ActiveChannels(unsigned port) const {
-    return static_cast<unsigned>(regulators_[port]->get_number_of_ActiveChannels());
+    return static_cast<unsigned>(regulator(port).get_number_of_ActiveChannels());
 }
 
 float control_loop_main::get_booster_TX_Adjustment(unsigned port) const {
-    return regulators_[port]->get_boosterTx_adjustment();
+    return regulator(port).get_boosterTx_adjustment();
 }
 
 float control_loop_main::get_booster_TX_Adjustment_Diff(unsigned port) const {
-    return regulators_[port]->get_boosterTx_adjustment_diff();
+    return regulator(port).get_boosterTx_adjustment_diff();
 }
 
 float control_loop_main::get_booster_Tx(unsigned port) const {
-    return regulators_[port]->get_boosterTx();
+    return regulator(port).get_boosterTx();
 }
 
 float control_loop_main::get_booster_Tx_Original(unsigned port) const {
-    return regulators_[port]->get_boosterTx_original();
+    return regulator(port).get_boosterTx_original();
 }
 
 long long control_loop_main::get_lossTimeout(unsigned port) const {
-    return regulators_[port]->get_lossTimeout();
+    return regulator(port).get_lossTimeout();
 }
 
 void control_loop_main::set_lossTimeout(unsigned port, long long seconds) {
-    regulators_[port]->set_lossTimeout(seconds);
+    regulator(port).set_lossTimeout(seconds);
 }
 
 bool control_loop_main::get_verbose_mode(unsigned port) const {
-    return regulators_[port]->get_verbose_mode();
+    return regulator(port).get_verbose_mode();
 }
 
 void control_loop_main::set_verbose_mode(unsigned port, bool verbose) {
     verbose_ = verbose;
-    regulators_[port]->set_verbose_mode(verbose);
+    regulator(port).set_verbose_mode(verbose);
 }
 
 std::string control_loop_main::get_port_mode(unsigned port, int channel) const {
-    return regulators_[port]->get_port_mode(channel);
+    return regulator(port).get_port_mode(channel);
 }
 
 void control_loop_main::set_port_mode(unsigned port, int channel, const std::string& mode) {
-    regulators_[port]->set_port_mode(channel, mode);
+    regulator(port).set_port_mode(channel, mode);
 }
 
 std::string control_loop_main::get_optical_ControlMode(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_opticalControlMode(channel);
+    return regulator(port).get_opticalControlMode(channel);
 }
 
 void control_loop_main::set_optical_ControlMode(unsigned port, unsigned channel,
                                                 const std::string& mode) {
-    regulators_[port]->set_opticalControlMode(channel, mode);
+    regulator(port).set_opticalControlMode(channel, mode);
 }
 
 float control_loop_main::get_channel_default_attenuation(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_channel_default_attenuation(channel);
+    return regulator(port).get_channel_default_attenuation(channel);
 }
 
 float control_loop_main::get_mx47_ocm_rx_power_channel(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_ocm_rx_power_channel(channel);
+    return regulator(port).get_ocm_rx_power_channel(channel);
 }
 
 float control_loop_main::get_mx47_ocm_tx_power_channel(unsigned port, unsigned channel) const {
-    return regulators_[port]->get_ocm_tx_power_channel(channel);
+    return regulator(port).get_ocm_tx_power_channel(channel);
 }
 
 float control_loop_main::get_cal_cloop_wss_il_eqport() const {
-    return regulators_[1]->get_cal_cloop_wss_il_eqport();
+    return regulator(1).get_cal_cloop_wss_il_eqport();
 }
 
 float control_loop_main::get_mx47_ocm_power_offset_value() const {
-    return regulators_[1]->get_ocm_power_offset_value();
+    return regulator(1).get_ocm_power_offset_value();
 }
 
 float control_loop_main::get_mx47_cal_mon_to_boostertx_k47() const {
-    return regulators_[1]->get_cal_mon_to_boostertx_k47();
+    return regulator(1).get_cal_mon_to_boostertx_k47();
 }
 
 void control_loop_main::set_mx47_k47_cal_mon_to_boostertx(float value) {
-    regulators_[1]->set_cal_mon_to_boostertx_k47(value);
+    regulator(1).set_cal_mon_to_boostertx_k47(value);
 }
 
 float control_loop_main::get_mx47_k47_actual_gain() const {
-    return regulators_[1]->get_k47_actual_gain();
+    return regulator(1).get_k47_actual_gain();
 }
 
 void control_loop_main::set_mx47_k47_actual_gain(float gain) {
-    regulators_[1]->set_k47_actual_gain(gain);
+    regulator(1).set_k47_actual_gain(gain);
 }
 
 float control_loop_main::get_mx47_k47_edfa_tx_power() const {
-    return regulators_[1]->get_k47_edfa_tx_power();
+    return regulator(1).get_k47_edfa_tx_power();
 }
 
 void control_loop_main::set_mx47_k47_edfa_tx_power(float power) {
-    regulators_[1]->set_k47_edfa_tx_power(power);
+    regulator(1).set_k47_edfa_tx_power(power);
 }
 
 float control_loop_main::get_mx47_k47_booster_power_limit() const {
-    return regulators_[1]->get_k47_booster_power_limit();
+    return regulator(1).get_k47_booster_power_limit();
 }
 
 void control_loop_main::set_mx47_k47_booster_power_limit(float limit) {
-    regulators_[1]->set_k47_booster_power_limit(limit);
+    regulator(1).set_k47_booster_power_limit(limit);
 }
 
 std::string control_loop_main::get_mx47_k47_combo_flag() const {
-    return regulators_[1]->get_k47_combo_flag() ? "enabled" : "disabled";
+    return regulator(1).get_k47_combo_flag() ? "enabled" : "disabled";
 }

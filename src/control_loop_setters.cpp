@@ -15,11 +15,6 @@ using main_value = traffic_manager::traffic_manager_main_values;
 using wanted_power_value = traffic_manager::traffic_manager_wanted_power_values;
 using default_attenuation_value = traffic_manager::traffic_manager_default_attenuation_values;
 
-// Settings of other ports than these have no name in the file.
-bool has_names(unsigned port) {
-    return port < 2;
-}
-
 // The name of a channel's setting: those of port 1 stand behind those of port 0.
 template <class Value>
 Value of_channel(unsigned port, unsigned channel) {
@@ -38,7 +33,7 @@ void control_loop_main::set_edfa_defaultAttenuation(float attenuation) {
 void control_loop_main::set_edfa_defaultAttenuation_nosave(float attenuation) {
     MSG_LOG(log_channel, msg_log::progress) << "msg: Setting EDFA default att to " << attenuation;
     edfa_default_attenuation_ = attenuation;
-    regulators_[0]->set_edfa_defaultAttenuation(attenuation);
+    regulator(0).set_edfa_defaultAttenuation(attenuation);
 }
 
 void control_loop_main::set_express_defaultAttenuation(float attenuation) {
@@ -53,7 +48,7 @@ void control_loop_main::set_express_defaultAttenuation_nosave(float attenuation)
     MSG_LOG(log_channel, msg_log::progress)
         << "msg: Setting EXPRESS default att to " << attenuation;
     express_default_attenuation_ = attenuation;
-    regulators_[0]->set_express_defaultAttenuation(attenuation);
+    regulator(0).set_express_defaultAttenuation(attenuation);
 }
 
 void control_loop_main::set_eq_defaultAttenuation(float attenuation) {
@@ -71,18 +66,17 @@ void control_loop_main::set_eq_defaultAttenuation_nosave(float attenuation) {
 
 void control_loop_main::apply_eq_default_attenuation(float attenuation) {
     eq_default_attenuation_ = attenuation;
-    regulators_[1]->set_eq_defaultAttenuation(attenuation);
+    regulator(1).set_eq_defaultAttenuation(attenuation);
 }
 
 void control_loop_main::set_wanted_power(unsigned port, unsigned channel, float power) {
-    regulators_[port]->set_wanted_power(channel, power);
-    if (has_names(port))
-        traffic_manager::write_fvalue_to_wanted_power_parameters_file(
-            of_channel<wanted_power_value>(port, channel), power);
+    regulator(port).set_wanted_power(channel, power);
+    traffic_manager::write_fvalue_to_wanted_power_parameters_file(
+        of_channel<wanted_power_value>(port, channel), power);
 }
 
 void control_loop_main::set_wanted_power_nosave(unsigned port, unsigned channel, float power) {
-    regulators_[port]->set_wanted_power(channel, power);
+    regulator(port).set_wanted_power(channel, power);
     MSG_LOG(log_channel, msg_log::detail)
         << "msg: Set wanted power nosave channel-ix" << channel << ", power: " << power;
 }
@@ -91,9 +85,8 @@ void control_loop_main::set_channel_default_attenuation(unsigned port, unsigned 
                                                         float attenuation) {
     apply_channel_default_attenuation("set_channel_default_attenuation", port, channel,
                                       attenuation);
-    if (has_names(port))
-        traffic_manager::write_fvalue_to_channel_default_attenuation_file(
-            of_channel<default_attenuation_value>(port, channel), attenuation);
+    traffic_manager::write_fvalue_to_channel_default_attenuation_file(
+        of_channel<default_attenuation_value>(port, channel), attenuation);
 }
 
 void control_loop_main::set_channel_default_attenuation_nosave(unsigned port, unsigned channel,
@@ -107,15 +100,14 @@ void control_loop_main::apply_channel_default_attenuation(const char* setter, un
     MSG_LOG(log_channel, msg_log::detail)
         << fmt::format("{}, msg: WSS port: {}, channel-ix{}, default attenuation: {:f}", setter,
                        port, channel, attenuation);
-    regulators_[port]->set_channel_default_attenuation(channel, attenuation);
+    regulator(port).set_channel_default_attenuation(channel, attenuation);
 }
 
 void control_loop_main::set_maxChannels(unsigned port, unsigned count) {
     MSG_LOG(log_channel, msg_log::progress) << "msg: Set max channel to " << count;
     apply_max_channels(port, count);
-    if (has_names(port))
-        traffic_manager::write_unsigned_to_main_parameters_file(static_cast<main_value>(port),
-                                                                max_channels_);
+    traffic_manager::write_unsigned_to_main_parameters_file(static_cast<main_value>(port),
+                                                            max_channels_);
 }
 
 void control_loop_main::set_maxChannels_nosave(unsigned port, unsigned count) {
@@ -130,14 +122,14 @@ void control_loop_main::apply_max_channels(unsigned port, unsigned count) {
 }
 
 void control_loop_main::calculate_wanted_power(unsigned port) {
-    regulation_handler& regulator = *regulators_[port];
-    regulator.calculate_wanted_power();
-    const float default_power = regulator.get_wantedPowerDefault();
+    regulation_handler& of_port = regulator(port);
+    of_port.calculate_wanted_power();
+    const float default_power = of_port.get_wantedPowerDefault();
     MSG_LOG(log_channel, msg_log::progress)
         << "msg: Calculate wanted power for WSS port: " << port
         << ", max channels: " << static_cast<int>(max_channels_);
     for (unsigned channel = 1; channel <= channel_count; ++channel)
-        regulator.set_wanted_power(channel, default_power);
+        of_port.set_wanted_power(channel, default_power);
 }
 
 void control_loop_main::set_mx47_ocm_power_offset_value(float offset) {
@@ -146,7 +138,7 @@ void control_loop_main::set_mx47_ocm_power_offset_value(float offset) {
 }
 
 void control_loop_main::set_mx47_ocm_power_offset_value_nosave(float offset) {
-    regulators_[1]->set_ocm_power_offset_value(offset);
+    regulator(1).set_ocm_power_offset_value(offset);
 }
 
 void control_loop_main::set_mx47_k47_combo_flag(const std::string& text) {
@@ -156,6 +148,7 @@ void control_loop_main::set_mx47_k47_combo_flag(const std::string& text) {
 }
 
 void control_loop_main::set_mx47_k47_combo_flag_nosave(const std::string& text) {
+    regulation_handler& eq_regulator = regulator(1);
     if (text == "enabled") {
         combo_flag_ = true;
     } else {
@@ -167,5 +160,5 @@ void control_loop_main::set_mx47_k47_combo_flag_nosave(const std::string& text) 
         if (const auto alarm = combined_mode_alarm_.get())
             alarm->set(0);
     }
-    regulators_[1]->set_k47_combo_flag(combo_flag_);
+    eq_regulator.set_k47_combo_flag(combo_flag_);
 }
