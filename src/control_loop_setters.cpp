@@ -106,8 +106,8 @@ void control_loop_main::apply_channel_default_attenuation(const char* setter, un
 void control_loop_main::set_maxChannels(unsigned port, unsigned count) {
     MSG_LOG(log_channel, msg_log::progress) << "msg: Set max channel to " << count;
     apply_max_channels(port, count);
-    traffic_manager::write_unsigned_to_main_parameters_file(static_cast<main_value>(port),
-                                                            max_channels_);
+    // Not the shared field: the other port's may have been set meanwhile.
+    traffic_manager::write_unsigned_to_main_parameters_file(static_cast<main_value>(port), count);
 }
 
 void control_loop_main::set_maxChannels_nosave(unsigned port, unsigned count) {
