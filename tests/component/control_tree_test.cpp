@@ -1,186 +1,54 @@
 #include "control_loop.hpp"
 
-#include "device_handler_api.hpp"
+#include "control_tree_fixture.hpp"
 #include "eventually.hpp"
-#include "gated_time.hpp"
-#include "log_capture.hpp"
-#include "scripted_handler.hpp"
-#include "test_root.hpp"
+#include "expected_control_tree.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
-#include <mutex>
-#include <optional>
+#include <memory>
 #include <string>
+#include <utility>
 
+using test::description_of;
 using test::eventually;
+using test::expected_mx47_tree;
+using test::expected_t47_tree;
+using test::tree_description;
 using testing::IsEmpty;
 
 namespace {
 
-const std::string text_type =
-    "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >";
+// Counts the ticks of the group that it is a member of.
+class tick_counter final : public dh_db_leaf_node {
+  public:
+    using dh_db_leaf_node::dh_db_leaf_node;
 
-// What the description of a node tells: its kind, its type and its limits.
-struct node_description {
-    std::string kind;
-    std::string type;
-    std::string immediate_limit = {};
-    std::string delayed_limit = {};
+    void periodic_task(bool) override { ++ticks_; }
+    unsigned ticks() const { return ticks_; }
 
-    friend bool operator==(const node_description&, const node_description&) = default;
+  private:
+    std::atomic<unsigned> ticks_{0};
 };
-
-void PrintTo(const node_description& node, std::ostream* out) {
-    *out << node.kind << " of " << node.type << " " << node.immediate_limit << " "
-         << node.delayed_limit;
-}
-
-using tree_description = std::map<std::string, node_description>;
-
-node_description volatile_of(const std::string& type) {
-    return {"volatile value", type};
-}
-
-node_description setting_of(const std::string& type) {
-    return {"config param", type};
-}
-
-node_description filtered_of(const std::string& type) {
-    return {"polled volatile value", type};
-}
-
-node_description measured_power() {
-    return {"polled volatile value", "float", "0.09", "0.05"};
-}
-
-tree_description expected_t47_tree() {
-    tree_description tree{
-        {"control/config/dhReady", setting_of("bool")},
-        {"control/config/edfa/defaultAttenuation", setting_of("float")},
-        {"control/config/express/defaultAttenuation", setting_of("float")},
-        {"control/config/lossTimeout", setting_of("long long")},
-        {"control/config/maxChannels", setting_of("unsigned int")},
-        {"control/config/verbose", setting_of("bool")},
-        {"control/data/boosterTx", volatile_of("float")},
-        {"control/data/boosterTxAdjustment", volatile_of("float")},
-        {"control/data/boosterTxAdjustmentDiff", volatile_of("float")},
-        {"control/data/boosterTx_Original", volatile_of("float")},
-        {"control/data/debug/configDone", volatile_of("bool")},
-        {"control/data/edfa/calCloopWssIL", volatile_of("float")},
-        {"control/data/edfa/defaultAttenuation", volatile_of("float")},
-        {"control/data/express/calCloopWssIL", volatile_of("float")},
-        {"control/data/express/defaultAttenuation", volatile_of("float")},
-        {"control/data/lossTimeout", volatile_of("long long")},
-        {"control/data/maxChannels", volatile_of("unsigned int")},
-        {"control/data/numberOfActiveChannels", volatile_of("unsigned int")},
-        {"control/data/verbose", volatile_of("bool")},
-        {"control/data/wantedPowerMax", volatile_of("float")},
-        {"control/data/wantedPowerMin", volatile_of("float")},
-    };
-    for (int channel = 1; channel <= 48; ++channel) {
-        const std::string number = std::to_string(channel);
-        tree["control/data/" + number + "/wantedPower"] = filtered_of("float");
-        tree["control/data/" + number + "/opticalControlMode"] = filtered_of(text_type);
-        tree["control/data/" + number + "/rxPower"] = measured_power();
-        tree["control/data/" + number + "/txPower"] = measured_power();
-        tree["control/data/" + number + "/portMode"] = filtered_of(text_type);
-        tree["control/config/" + number + "/wantedPower"] = setting_of("float");
-        tree["control/config/" + number + "/opticalControlMode"] = setting_of(text_type);
-        tree["control/config/" + number + "/portMode"] = setting_of(text_type);
-    }
-    return tree;
-}
-
-std::string text_at(const json::value& object, const char* key) {
-    const json::value* const member = json::find(object, key);
-    return member != nullptr ? json::to<std::string>(*member) : "";
-}
-
-node_description description_of(const dh_db_leaf_node& node) {
-    json::document memory;
-    const json::value info = node.get_info(memory.GetAllocator());
-    node_description found{text_at(info, "type"), text_at(info, "valueType")};
-    if (const json::value* const filter = json::find(info, "hysteresis")) {
-        found.immediate_limit = text_at(*filter, "ImmediateLimit");
-        found.delayed_limit = text_at(*filter, "delayedLimit");
-    }
-    return found;
-}
 
 }  // namespace
 
-// The control tree of a card, reached over the socket as a client reaches it.
-class ControlTree : public testing::Test {
+class ControlTree : public test::control_tree_fixture {
   protected:
-    ControlTree() {
-        test::empty_root();
-        test::put_board("velt,t47");
-        wss_.emplace("/tmp/device_handlers/wss_edge");
-        booster_.emplace("/tmp/device_handlers/booster");
-        system_start_.emplace("/tmp/device_handlers/system_start");
-        system_start_->set("data/systemColdstart", false);
-        server_.emplace("test", test::root() + "/tmp/server");
-        proxy_ = std::make_shared<dh::util::proxy>(server_->db(), &main_mutex_);
-    }
-
-    ~ControlTree() override {
-        time_.open();
-        loop_.reset();
-    }
-
-    void create_loop() {
-        loop_ = control_loop_main::create(proxy_, nullptr, client_of("device_handlers/wss_edge"),
-                                          client_of("device_handlers/booster"));
-        loop_->create_paths();
-        loop_->set_maxChannels_nosave(0, 40);
-    }
-
-    static std::shared_ptr<device_handler_client> client_of(const std::string& socket) {
-        return device_handler_client::create("/tmp/" + socket, socket, {});
-    }
+    ControlTree() = default;
+    explicit ControlTree(const char* board) : control_tree_fixture(board) {}
 
     tree_description published_tree() {
         tree_description tree;
-        for (const auto& entry : server_->db().nodes_under("control"))
-            tree[entry.path] = description_of(*entry.node);
+        for (const auto& entry : server_->db().nodes_under("control")) {
+            json::document memory;
+            tree[entry.path] = description_of(entry.node->get_info(memory.GetAllocator()));
+        }
         return tree;
     }
-
-    template <class T>
-    T read(const std::string& path) {
-        return client().get<T>(path);
-    }
-
-    template <class T>
-    void write(const std::string& path, T value) {
-        client().template set<void>(path, value);
-    }
-
-    device_handler_client& client() {
-        if (!client_)
-            client_ = client_of("server");
-        return *client_;
-    }
-
-    bool was_written(const std::string& path, const std::string& json_text) const {
-        const auto requests = wss_->requests();
-        return std::find(requests.begin(), requests.end(), "write " + path + "=" + json_text) !=
-               requests.end();
-    }
-
-    test::gated_time time_;
-    test::log_capture log_{msg_log::progress};
-    std::optional<test::scripted_handler> wss_;
-    std::optional<test::scripted_handler> booster_;
-    std::optional<test::scripted_handler> system_start_;
-    std::optional<dh_server> server_;
-    std::mutex main_mutex_;
-    std::shared_ptr<dh::util::proxy> proxy_;
-    std::shared_ptr<control_loop_main> loop_;
-    std::shared_ptr<device_handler_client> client_;
 };
 
 TEST_F(ControlTree, OfASingleLoopCardIsExactlyThis) {
@@ -327,4 +195,232 @@ TEST_F(ControlTree, ValueOfTheWrongTypeIsRefused) {
         EXPECT_EQ(error.code, dh_error_code::invalid_argument);
     }
     EXPECT_EQ(read<unsigned>("control/data/maxChannels"), 40U);
+}
+
+TEST_F(ControlTree, AllTwentyOneAndEightForEachChannelAreListed) {
+    create_loop();
+    EXPECT_EQ(published_tree().size(), 21U + 48U * 8U);
+}
+
+TEST_F(ControlTree, EnableFileGivesAnyBoardTheTreeAndTheLoopsOfTwoPorts) {
+    for (const char* board : {"velt,t47", "velt,k47", "velt,other"}) {
+        test::put_board(board);
+        test::put_file("/var/persistent/etc/enable_veltmx47", "");
+        proxy_.reset();
+        server_.emplace("test", test::root() + "/tmp/server");
+        proxy_ = std::make_shared<dh::util::proxy>(server_->db(), &main_mutex_);
+        create_loop();
+        EXPECT_EQ(published_tree(), expected_mx47_tree()) << board;
+        EXPECT_EQ(loop_->get_maxChannels(1), 48U) << board;
+        destroy_loop();
+        time_.close();
+    }
+}
+
+TEST_F(ControlTree, FileOfTheOneLoopCardGivesNoTree) {
+    test::put_board("velt,other");
+    test::put_file("/var/persistent/etc/enable_veltt47", "");
+    create_loop();
+    EXPECT_THAT(published_tree(), IsEmpty());
+}
+
+class ControlTreeOfTwoPorts : public ControlTree {
+  protected:
+    ControlTreeOfTwoPorts() : ControlTree("velt,mx47") {}
+
+    void tick(unsigned times) {
+        for (unsigned i = 0; i < times; ++i)
+            proxy_->value_group().tick();
+    }
+
+    // The text of the error of a read, or nothing.
+    std::string error_of_read(const std::string& path) {
+        try {
+            read<double>(path);
+        } catch (const dh_client_exception& error) {
+            return error.message;
+        }
+        return {};
+    }
+};
+
+TEST_F(ControlTreeOfTwoPorts, IsExactlyThis) {
+    create_loop();
+    EXPECT_EQ(published_tree(), expected_mx47_tree());
+    EXPECT_EQ(published_tree().size(), 22U + 2U * (13U + 48U * 13U));
+}
+
+TEST_F(ControlTreeOfTwoPorts, EveryNodeButTheAlarmIsTickedOnceASecond) {
+    create_loop();
+    for (const auto& entry : server_->db().nodes_under("control")) {
+        const bool is_alarm = entry.path == "control/alarms/combinedModeAlarm/severity";
+        EXPECT_EQ(entry.node->poll_interval(), is_alarm ? 0U : 1000U) << entry.path;
+    }
+}
+
+TEST_F(ControlTreeOfTwoPorts, StartsWithoutAnAlarmAndWithoutACombinedMode) {
+    create_loop();
+    EXPECT_EQ(read<unsigned>("control/alarms/combinedModeAlarm/severity"), 0U);
+    EXPECT_EQ(read<std::string>("control/data/combinedMode"), "disabled");
+    EXPECT_EQ(read<std::string>("control/data/combinedModeStatus"), "n/a");
+    EXPECT_TRUE(read<bool>("control/data/slotCommunicationAlive"));
+    EXPECT_TRUE(read<bool>("control/data/correctNeighbourVersion"));
+    EXPECT_EQ(read<float>("control/data/eq/K47ActualGain"), -99.0F);
+    EXPECT_EQ(read<float>("control/data/eq/K47EdfaTxPower"), -99.0F);
+    EXPECT_EQ(read<float>("control/data/eq/ocmPowerOffset"), 20.0F);
+}
+
+TEST_F(ControlTreeOfTwoPorts, ChannelThreeOfPathPortTwoIsThatOfTheSecondRegulator) {
+    create_loop();
+    const std::string config = "control/config/port/2/channel/3";
+    write(config + "/wantedPower", 2.25F);
+    write(config + "/opticalControlMode", std::string("off"));
+    write(config + "/portMode", std::string("on"));
+    write(config + "/defaultAttenuation", 9.5F);
+    EXPECT_EQ(loop_->get_wanted_power(1, 3), 2.25F);
+    EXPECT_EQ(loop_->get_optical_ControlMode(1, 3), "off");
+    EXPECT_EQ(loop_->get_channel_default_attenuation(1, 3), 9.5F);
+    EXPECT_TRUE(was_written("config/wss/2/channel/3/port", "\"on\""));
+    for (const auto& [port, channel] :
+         std::vector<std::pair<unsigned, unsigned>>{{0, 3}, {1, 2}, {1, 4}, {0, 2}}) {
+        EXPECT_NE(loop_->get_wanted_power(port, channel), 2.25F);
+        EXPECT_EQ(loop_->get_optical_ControlMode(port, channel), "power");
+        EXPECT_EQ(loop_->get_channel_default_attenuation(port, channel), 15.0F);
+    }
+    wss_->set("data/wss/2/channel/3/port", "on");
+    tick(7);
+    const std::string data = "control/data/port/2/channel/3";
+    EXPECT_EQ(read<float>(data + "/wantedPower"), 2.25F);
+    EXPECT_EQ(read<std::string>(data + "/opticalControlMode"), "off");
+    EXPECT_EQ(read<std::string>(data + "/portMode"), "on");
+    EXPECT_EQ(read<float>(data + "/defaultAttenuation"), 9.5F);
+    EXPECT_EQ(read<std::string>("control/data/port/1/channel/3/portMode"), "off");
+}
+
+TEST_F(ControlTreeOfTwoPorts, SettingsOfAPortLeaveTheOtherPortAlone) {
+    create_loop();
+    write("control/config/port/1/maxChannels", 20U);
+    write("control/config/port/2/verbose", true);
+    write("control/config/port/2/lossTimeout", 7LL);
+    EXPECT_EQ(read<unsigned>("control/data/port/1/maxChannels"), 20U);
+    EXPECT_EQ(read<unsigned>("control/data/port/2/maxChannels"), 48U);
+    EXPECT_FALSE(read<bool>("control/data/port/1/verbose"));
+    EXPECT_TRUE(read<bool>("control/data/port/2/verbose"));
+    EXPECT_EQ(read<long long>("control/data/port/1/lossTimeout"), 60);
+    EXPECT_EQ(read<long long>("control/data/port/2/lossTimeout"), 7);
+}
+
+TEST_F(ControlTreeOfTwoPorts, LimitsOfTheEqPortAreOpenAndThoseOfTheEdfaPortFollowFromTheBudget) {
+    booster_->set("data/powerLimit", 18.0);
+    create_loop();
+    EXPECT_FLOAT_EQ(read<float>("control/data/port/1/wantedPowerMin"), -2.0F);
+    EXPECT_NEAR(read<float>("control/data/port/1/wantedPowerMax"), 8.079, 0.001);
+    EXPECT_FLOAT_EQ(read<float>("control/data/port/2/wantedPowerMin"), -20.0F);
+    EXPECT_FLOAT_EQ(read<float>("control/data/port/2/wantedPowerMax"), 20.0F);
+    EXPECT_NEAR(loop_->get_wantedPowerDefault(1), 1.188, 0.001);
+}
+
+TEST_F(ControlTreeOfTwoPorts, ValuesOfTheNeighbourReadBackWhatWasWritten) {
+    create_loop();
+    write("control/config/eq/K47ActualGain", 18.5F);
+    write("control/config/eq/K47EdfaTxPower", 12.25F);
+    write("control/config/eq/calMonToBoosterTxK47", 23.75F);
+    write("control/config/eq/ocmPowerOffset", 19.25F);
+    EXPECT_EQ(read<float>("control/data/eq/K47ActualGain"), 18.5F);
+    EXPECT_EQ(read<float>("control/data/eq/K47EdfaTxPower"), 12.25F);
+    EXPECT_EQ(read<float>("control/data/eq/calMonToBoosterTxK47"), 23.75F);
+    EXPECT_EQ(read<float>("control/data/eq/ocmPowerOffset"), 19.25F);
+}
+
+TEST_F(ControlTreeOfTwoPorts, FilteredValuesHaveNoneUntilTheirFirstTick) {
+    create_loop();
+    const std::string data = "control/data/port/1/channel/1";
+    EXPECT_EQ(error_of_read(data + "/wantedPower"), "Value has not been set");
+    EXPECT_EQ(error_of_read(data + "/ocmTxPower"), "Value has not been set");
+}
+
+// Four ticks are let go by, and six where the value is the control mode.
+TEST_F(ControlTreeOfTwoPorts, FirstTicksOfFilteredValuesArePutOff) {
+    create_loop();
+    std::map<std::string, unsigned> first_tick;
+    const std::string data = "control/data/port/2/channel/48/";
+    const auto count = std::make_shared<tick_counter>("ticks");
+    proxy_->value_group().add_value(count, 0);
+    const auto is_set = [&](const std::string& leaf) {
+        return error_of_read(data + leaf) != "Value has not been set";
+    };
+    const std::vector<std::string> leaves{"wantedPower", "opticalControlMode", "rxPower",
+                                          "ocmRxPower",  "ocmTxPower",         "txPower",
+                                          "portMode",    "defaultAttenuation"};
+    while (first_tick.size() < leaves.size() && count->ticks() < 100) {
+        tick(1);
+        for (const std::string& leaf : leaves) {
+            if (is_set(leaf))
+                first_tick.try_emplace(leaf, count->ticks());
+        }
+    }
+    const unsigned control_mode = first_tick["opticalControlMode"];
+    EXPECT_GE(control_mode, 7U);
+    for (const std::string& leaf : leaves)
+        EXPECT_GE(first_tick[leaf], 5U) << leaf;
+    EXPECT_LT(first_tick["wantedPower"], control_mode);
+}
+
+// The group may tick by itself once or twice meanwhile, so its ticks are counted.
+TEST_F(ControlTreeOfTwoPorts, SmallRiseOfAMeasuredPowerIsPublishedAfterTenCycles) {
+    wss_->set("data/wss/1/channel/5/port", "on");
+    wss_->set("data/wss/1/channel/5/attenuation", 5.0);
+    create_loop();
+    const std::string measured = "control/data/port/1/channel/5/rxPower";
+    const auto count = std::make_shared<tick_counter>("ticks");
+    proxy_->value_group().add_value(count, 0);
+    tick(6);
+    const float before = read<float>(measured);
+    wss_->set("data/wss/1/channel/5/attenuation", 5.06);
+    const unsigned begin = count->ticks();
+    while (read<float>(measured) == before && count->ticks() < begin + 100)
+        tick(1);
+    EXPECT_NEAR(read<float>(measured), before + 0.06F, 1e-4);
+    EXPECT_GE(count->ticks() - begin, 10U);
+    EXPECT_LE(count->ticks() - begin, 13U);
+}
+
+TEST_F(ControlTreeOfTwoPorts, LargerRiseOfAMeasuredPowerIsPublishedAtOnce) {
+    wss_->set("data/wss/1/channel/5/port", "on");
+    wss_->set("data/wss/1/channel/5/attenuation", 5.0);
+    create_loop();
+    const std::string measured = "control/data/port/1/channel/5/rxPower";
+    tick(6);
+    const float before = read<float>(measured);
+    wss_->set("data/wss/1/channel/5/attenuation", 5.1);
+    tick(1);
+    EXPECT_NEAR(read<float>(measured), before + 0.1F, 1e-4);
+}
+
+TEST_F(ControlTreeOfTwoPorts, SmallestRiseOfAMeasuredPowerIsNotPublished) {
+    wss_->set("data/wss/1/channel/5/port", "on");
+    wss_->set("data/wss/1/channel/5/attenuation", 5.0);
+    create_loop();
+    const std::string measured = "control/data/port/1/channel/5/rxPower";
+    tick(6);
+    const float before = read<float>(measured);
+    wss_->set("data/wss/1/channel/5/attenuation", 5.04);
+    tick(30);
+    EXPECT_EQ(read<float>(measured), before);
+}
+
+TEST_F(ControlTreeOfTwoPorts, SetValueIsPublishedAtTheNextTickHoweverSmallItsChange) {
+    create_loop();
+    tick(6);
+    loop_->set_wanted_power_nosave(1, 48, 1.0001F);
+    tick(1);
+    EXPECT_EQ(read<float>("control/data/port/2/channel/48/wantedPower"), 1.0001F);
+}
+
+TEST_F(ControlTreeOfTwoPorts, HandlerThatFailsIsAnErrorOfTheValuesThatNeedItOnly) {
+    create_loop();
+    wss_->fail_requests(-5, "stuck");
+    tick(6);
+    EXPECT_EQ(error_of_read("control/data/port/1/channel/5/portMode"), "Unknown error!");
+    EXPECT_EQ(error_of_read("control/data/port/1/channel/5/wantedPower"), "");
 }
