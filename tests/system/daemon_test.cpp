@@ -1,21 +1,15 @@
 // The daemon as a process, before and while its device handlers are there.
-#include "device_handler_client.hpp"
+#include "daemon_fixture.hpp"
 #include "eventually.hpp"
-#include "process.hpp"
-#include "scripted_handler.hpp"
-#include "test_root.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <future>
 #include <memory>
-#include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,8 +19,6 @@ using test::exited_with;
 using testing::HasSubstr;
 
 namespace {
-
-const std::string program = VELT_BIN_DIR "/traffic_manager";
 
 const std::string options_text =
     "Available options:\n"
@@ -38,68 +30,9 @@ const std::string options_text =
     "                                        value: 5100)\n"
     "\n";
 
-std::shared_ptr<device_handler_client> management_client() {
-    return device_handler_client::create("/tmp/device_managers/traffic_manager", "test", {});
-}
-
 }  // namespace
 
-class Daemon : public testing::Test {
-  protected:
-    Daemon() { test::empty_root(); }
-
-    void start(const std::vector<std::string>& arguments = {},
-               const std::string& time_scale = "1") {
-        process_.emplace(program, arguments, surroundings(time_scale), test::root());
-    }
-
-    static test::process::environment surroundings(const std::string& time_scale = "1") {
-        return {{"VELT_ROOT", test::root()}, {"VELT_TIME_SCALE", time_scale}};
-    }
-
-    // Handlers that let a card without a control loop start.
-    void become_ready_k47() {
-        test::put_board("velt,k47");
-        booster_.emplace("/tmp/device_handlers/booster");
-        booster_->set("data/configStatus", true);
-        booster_->set("data/enable", false);
-        for (const unsigned number : {0U, 1U}) {
-            oscs_[number].emplace("/tmp/device_handlers/osc" + std::to_string(number + 1));
-            oscs_[number]->set("data/configStatus", true);
-        }
-    }
-
-    // Handlers that let a T47 card start.
-    void become_ready_t47() {
-        become_ready_k47();
-        test::put_board("velt,t47");
-        wss_.emplace("/tmp/device_handlers/wss_edge");
-        wss_->set("data/configStatus", true);
-    }
-
-    bool eventually_logs(const std::string& text) {
-        return eventually([&] { return process_->has_logged(text); });
-    }
-
-    std::vector<std::string> texts_of_channel(const std::string& severity_and_channel) const {
-        const std::string beginning = " " + severity_and_channel + " ";
-        std::vector<std::string> texts;
-        std::istringstream log(process_->standard_error());
-        for (std::string line; std::getline(log, line);) {
-            const auto found = line.find(beginning);
-            if (found == std::string::npos)
-                continue;
-            const auto text = found + beginning.size();
-            texts.push_back(line.substr(text, line.rfind(" [") - text));
-        }
-        return texts;
-    }
-
-    std::optional<test::scripted_handler> wss_;
-    std::optional<test::scripted_handler> booster_;
-    std::array<std::optional<test::scripted_handler>, 2> oscs_;
-    std::optional<test::process> process_;
-};
+class Daemon : public test::daemon_fixture {};
 
 TEST_F(Daemon, HelpPrintsTheOptionsAndCountsAsAFailure) {
     start({"--help"});
@@ -250,7 +183,7 @@ TEST_F(Daemon, SecondOneOnTheSameSocketEndsAndSaysWhy) {
     start();
     const auto management = management_client();
     EXPECT_FALSE(management->get<bool>("data/configStatus"));
-    test::process second(program, {}, surroundings(), test::root());
+    test::process second(daemon_program, {}, surroundings(), test::root());
     EXPECT_EQ(second.end(), test::ended_by_signal(SIGABRT));
     EXPECT_THAT(second.standard_error(), HasSubstr("3 tm_velt_init msg: "));
     EXPECT_THAT(second.standard_error(), HasSubstr("/tmp/device_managers/traffic_manager"));

@@ -6,6 +6,7 @@
 #include "eventually.hpp"
 #include "process.hpp"
 #include "test_root.hpp"
+#include "tree_access.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,6 +26,8 @@
 #include <vector>
 
 using test::eventually;
+using test::paths_under;
+using test::values_under;
 
 namespace {
 
@@ -68,35 +71,6 @@ holdings holdings_of(pid_t process) {
 
 std::shared_ptr<device_handler_client> client_of(const std::string& path) {
     return device_handler_client::create(path, "test", {});
-}
-
-// Everything under the prefix that can be read now, as JSON texts by path.
-std::map<std::string, std::string> values_under(device_handler_client& client,
-                                                const std::vector<std::string>& paths) {
-    std::map<std::string, std::string> values;
-    constexpr std::size_t batch = 500;
-    for (std::size_t begin = 0; begin < paths.size(); begin += batch) {
-        json::document params(rapidjson::kObjectType);
-        json::value list(rapidjson::kArrayType);
-        const std::size_t end = std::min(begin + batch, paths.size());
-        for (std::size_t i = begin; i < end; ++i)
-            list.PushBack(json::from(paths[i], params.GetAllocator()), params.GetAllocator());
-        json::add(params, "paths", std::move(list), params.GetAllocator());
-        const json::document entries = client.call("read", params);
-        for (std::size_t i = begin; i < end; ++i)
-            values[paths[i]] = json::to_text(entries[static_cast<rapidjson::SizeType>(i - begin)]);
-    }
-    return values;
-}
-
-std::vector<std::string> paths_under(device_handler_client& client, const std::string& prefix) {
-    json::document params(rapidjson::kObjectType);
-    json::add(params, "prefix", prefix, params.GetAllocator());
-    const json::document listing = client.call("list", params);
-    std::vector<std::string> paths;
-    for (const json::value& node : listing["nodes"].GetArray())
-        paths.emplace_back(node["path"].GetString());
-    return paths;
 }
 
 // Writes and reads through the daemon for as long as it lives. A handler that
