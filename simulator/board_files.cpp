@@ -30,13 +30,24 @@ std::string calibration_of(const plant_model& model) {
         model.monitor_tap_loss);
 }
 
+std::string calibration_of(const plant_model& edfa_port, const plant_model& eq_port) {
+    return fmt::format(
+        "cal_clientrx_to_mon {}\n"
+        "cal_cloop_wss_il_edfaport {}\n"
+        "cal_cloop_wss_il_eqport {}\n"
+        "cal_mon_to_boostertx {}\n",
+        edfa_port.receive_tap_loss, edfa_port.port_insertion_loss, eq_port.port_insertion_loss,
+        edfa_port.monitor_tap_loss);
+}
+
 }  // namespace
 
 void lay_board_files(const std::string& root, const std::string& compatible,
-                     const plant_model& model) {
+                     const plant_model& model, const plant_model* eq_port) {
     // The kernel ends each entry with a NUL.
     write_file(root + "/proc/device-tree/compatible", compatible + '\0');
-    write_file(root + "/mnt/board_info/calibration_data/cloop/cloop.conf", calibration_of(model));
+    write_file(root + "/mnt/board_info/calibration_data/cloop/cloop.conf",
+               eq_port == nullptr ? calibration_of(model) : calibration_of(model, *eq_port));
 }
 
 }  // namespace simulator

@@ -14,15 +14,28 @@ namespace {
 std::vector<handler_plan> t47_handlers(const card_kind& kind, const card_models& models) {
     return {system_start_handler(models.start),
             system_info_handler(kind.identity),
-            wss_edge_handler({{models.light, "wss", "ocm/1"}}, "ocm/2"),
+            wss_edge_handler({{models.light, "wss", "ocm/1"}}, {"off", "edfa", "express"}, "ocm/2"),
             booster_handler(models.light),
             osc_handler("osc1", models.osc[0]),
             osc_handler("osc2", models.osc[1])};
 }
 
-const std::array<card_kind, 1>& card_kinds() {
-    static const std::array<card_kind, 1> kinds{{
-        {"t47", "velt,t47", {"VLT-Q-T47", "1.0.0", "1"}, t47_handlers},
+// EDFA and EQ ports, a control loop each.
+std::vector<handler_plan> mx47_handlers(const card_kind& kind, const card_models& models) {
+    return {
+        system_start_handler(models.start),
+        system_info_handler(kind.identity),
+        wss_edge_handler({{models.light, "wss/1", "ocm/1"}, {models.eq_light, "wss/2", "ocm/2"}},
+                         {"off", "on"}, ""),
+        booster_handler(models.light),
+        osc_handler("osc1", models.osc[0]),
+        osc_handler("osc2", models.osc[1])};
+}
+
+const std::array<card_kind, 2>& card_kinds() {
+    static const std::array<card_kind, 2> kinds{{
+        {"t47", "velt,t47", {"VLT-Q-T47", "1.0.0", "1"}, false, t47_handlers},
+        {"mx47", "velt,mx47", {"VLT-Q-MX47", "1.0.0", "1"}, true, mx47_handlers},
     }};
     return kinds;
 }
@@ -38,7 +51,7 @@ const card_kind* find_card_kind(const std::string& name) {
 
 std::vector<std::string> handler_names(const card_kind& kind) {
     std::vector<std::string> names;
-    for (const handler_plan& plan : kind.handlers(kind, card_models(0)))
+    for (const handler_plan& plan : kind.handlers(kind, card_models(0, {}, kind.has_eq_port)))
         names.push_back(plan.socket);
     return names;
 }

@@ -14,6 +14,7 @@ struct card_kind {
     std::string name;        // "t47"
     std::string compatible;  // as the kernel names the board
     card_identity identity;
+    bool has_eq_port;
     std::vector<handler_plan> (*handlers)(const card_kind&, const card_models&);
 };
 

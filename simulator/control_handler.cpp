@@ -15,30 +15,37 @@ namespace {
 
 using dh::api::volatile_value;
 
-void publish_channel(dh_db& db, const std::shared_ptr<light_path>& light, unsigned channel) {
+// `base` is "sim/", or "sim/eq/" of the second port of a card.
+void publish_channel(dh_db& db, const std::string& base, const std::shared_ptr<light_path>& light,
+                     unsigned channel) {
     using launch_power = control_value<&light_path::launch_power, &light_path::set_launch_power>;
     using lit = control_value<&light_path::lit, &light_path::set_lit>;
-    const std::string base = fmt::format("sim/channel/{}/", channel);
-    launch_power::create(db, base + "launchPower", light, channel);
-    lit::create(db, base + "lit", light, channel);
-    volatile_value<&light_path::output_power>::create(db, base + "outputPower", light, channel);
+    const std::string of_channel = fmt::format("{}channel/{}/", base, channel);
+    launch_power::create(db, of_channel + "launchPower", light, channel);
+    lit::create(db, of_channel + "lit", light, channel);
+    volatile_value<&light_path::output_power>::create(db, of_channel + "outputPower", light,
+                                                      channel);
 }
 
-void publish_light(dh_db& db, const std::shared_ptr<light_path>& light) {
+void publish_light(dh_db& db, const std::string& base, const std::shared_ptr<light_path>& light) {
     using span_loss = control_value<&light_path::span_loss, &light_path::set_span_loss>;
     using fibre = control_value<&light_path::fibre_intact, &light_path::set_fibre_intact>;
+    using noise = control_value<&light_path::monitor_noise, &light_path::set_monitor_noise>;
+    for (unsigned channel = 1; channel <= channel_count; ++channel)
+        publish_channel(db, base, light, channel);
+    span_loss::create(db, base + "spanLoss", light);
+    fibre::create(db, base + "fibreIntact", light);
+    noise::create(db, base + "monitor/noise", light);
+}
+
+void publish_booster(dh_db& db, const std::shared_ptr<light_path>& light) {
     using gain = control_value<&light_path::booster_gain, &light_path::set_booster_gain>;
     using fault = control_value<&light_path::booster_fault, &light_path::set_booster_fault>;
     using limit =
         control_value<&light_path::booster_power_limit, &light_path::set_booster_power_limit>;
-    using noise = control_value<&light_path::monitor_noise, &light_path::set_monitor_noise>;
-    span_loss::create(db, "sim/spanLoss", light);
-    fibre::create(db, "sim/fibreIntact", light);
     gain::create(db, "sim/booster/gain", light);
     fault::create(db, "sim/booster/fault", light);
     limit::create(db, "sim/booster/powerLimit", light);
-    noise::create(db, "sim/monitor/noise", light);
-    volatile_value<&light_path::seconds>::create(db, "sim/time", light);
 }
 
 void publish_osc(dh_db& db, const std::shared_ptr<osc_link>& link, std::size_t number) {
@@ -78,9 +85,11 @@ handler_plan control_handler(card_models models,
                              std::vector<std::shared_ptr<fallible_handler>> handlers) {
     const auto publish = [models = std::move(models), handlers = std::move(handlers)](
                              dh_db& db, dh::api::value_group&) {
-        for (unsigned channel = 1; channel <= channel_count; ++channel)
-            publish_channel(db, models.light, channel);
-        publish_light(db, models.light);
+        publish_light(db, "sim/", models.light);
+        if (models.eq_light)
+            publish_light(db, "sim/eq/", models.eq_light);
+        publish_booster(db, models.light);
+        volatile_value<&light_path::seconds>::create(db, "sim/time", models.light);
         for (std::size_t index = 0; index < models.osc.size(); ++index)
             publish_osc(db, models.osc[index], index + 1);
         for (const auto& handler : handlers)

@@ -20,11 +20,12 @@ port_mode require_port_mode(const std::string& name) {
 
 }  // namespace
 
-light_path::light_path(std::uint64_t seed, std::vector<timed_plant_action> actions)
+light_path::light_path(std::uint64_t seed, std::vector<timed_plant_action> actions,
+                       plant_model model)
     : start_(host::time().monotonic()),
-      plant_(seed),
+      plant_(seed, model),
       player_(std::move(actions)),
-      controls_(default_controls(seed)) {
+      controls_(default_controls(seed, model)) {
     recompute();
 }
 

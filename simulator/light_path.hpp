@@ -26,7 +26,7 @@ class light_path {
   public:
     static constexpr std::chrono::nanoseconds sweep_period = std::chrono::seconds(1);
 
-    light_path(std::uint64_t seed, std::vector<timed_plant_action> actions);
+    light_path(std::uint64_t seed, std::vector<timed_plant_action> actions, plant_model model = {});
 
     const plant_model& model() const { return plant_.model(); }
 

@@ -30,10 +30,10 @@ struct command_line {
 };
 
 options::options_description describe(command_line& into) {
-    options::options_description described("card_simulator --card t47 [options]");
+    options::options_description described("card_simulator --card t47|mx47 [options]");
     auto add = described.add_options();
     add("help", options::bool_switch(&into.help), "print this text");
-    add("card", options::value(&into.card), "the card to simulate: t47");
+    add("card", options::value(&into.card), "the card to simulate: t47 or mx47");
     add("scenario", options::value(&into.scenario_file),
         "JSON file of what happens to the light and to the handlers");
     add("root", options::value(&into.root)->default_value(host::environment("VELT_ROOT", "")),
@@ -48,9 +48,9 @@ const simulator::card_kind& require_card(const std::string& card) {
         throw std::invalid_argument("--card is missing");
     if (const auto* const kind = simulator::find_card_kind(card))
         return *kind;
-    if (card == "mx47" || card == "k47")
-        throw std::invalid_argument("card " + card + " is not simulated yet; t47 is");
-    throw std::invalid_argument("there is no card " + card + "; t47 is simulated");
+    if (card == "k47")
+        throw std::invalid_argument("card k47 is not simulated yet; t47 and mx47 are");
+    throw std::invalid_argument("there is no card " + card + "; t47 and mx47 are simulated");
 }
 
 // Blocked for all threads that are started from now on.

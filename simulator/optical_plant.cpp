@@ -59,12 +59,24 @@ double place_in_band(unsigned channel) {
     return (2.0 * channel - 1.0 - channel_count) / (channel_count - 1.0);
 }
 
+double insertion_loss(const plant_model& model, port_mode mode) {
+    switch (mode) {
+        case port_mode::express:
+            return model.express_insertion_loss;
+        case port_mode::on:
+            return model.port_insertion_loss;
+        case port_mode::edfa:
+        case port_mode::off:
+            break;
+    }
+    return model.edfa_insertion_loss;
+}
+
 double wss_loss(const plant_model& model, const plant_controls::channel& channel) {
-    const double insertion_loss = channel.port == port_mode::express ? model.express_insertion_loss
-                                                                     : model.edfa_insertion_loss;
     const bool blocked =
         channel.port == port_mode::off || channel.attenuation >= blocked_attenuation;
-    return insertion_loss + channel.attenuation + (blocked ? model.extinction : 0.0);
+    return insertion_loss(model, channel.port) + channel.attenuation +
+           (blocked ? model.extinction : 0.0);
 }
 
 }  // namespace
@@ -75,6 +87,8 @@ std::string name_of(port_mode mode) {
             return "edfa";
         case port_mode::express:
             return "express";
+        case port_mode::on:
+            return "on";
         case port_mode::off:
             break;
     }
@@ -82,7 +96,8 @@ std::string name_of(port_mode mode) {
 }
 
 port_mode port_mode_of(std::string_view name) {
-    for (const port_mode mode : {port_mode::off, port_mode::edfa, port_mode::express}) {
+    for (const port_mode mode :
+         {port_mode::off, port_mode::edfa, port_mode::express, port_mode::on}) {
         if (name == name_of(mode))
             return mode;
     }
@@ -99,12 +114,35 @@ double range::nearest(double value) const {
     return value > low ? std::min(value, high) : low;
 }
 
-plant_controls default_controls(std::uint64_t seed) {
+plant_model edfa_port_model() {
+    plant_model model;
+    model.first_port = port_mode::on;
+    return model;
+}
+
+// Fed by strong light: what passes without an amplifier is to be of use.
+plant_model eq_port_model() {
+    plant_model model;
+    model.first_port = port_mode::on;
+    model.port_insertion_loss = 4.0;
+    model.has_booster = false;
+    model.monitor_tap_loss = 20.0;
+    model.booster_tilt = 0.0;
+    model.booster_ripple = 0.0;
+    model.first_launch_power = 16.0;
+    model.first_span_loss = 3.0;
+    return model;
+}
+
+plant_controls default_controls(std::uint64_t seed, const plant_model& model) {
     constexpr std::uint64_t launch_stream = 1;
     plant_controls controls;
+    controls.span_loss = model.first_span_loss;
     for (unsigned channel = 1; channel <= channel_count; ++channel) {
         controls.channels[channel].lit = channel % dark_every != 0;
+        controls.channels[channel].port = model.first_port;
         controls.channels[channel].launch_power =
+            model.first_launch_power +
             0.5 * launch_spread * deviation(seed, launch_stream, channel);
     }
     return controls;
@@ -127,6 +165,12 @@ double optical_plant::gain_of(unsigned channel, double average_gain) const {
     return average_gain + booster_shape_[channel];
 }
 
+double optical_plant::amplified_by(const plant_controls& controls) const {
+    if (!model_.has_booster)
+        return 0.0;
+    return controls.booster_on() ? controls.booster_gain : -model_.booster_absorption;
+}
+
 light optical_plant::propagate(const plant_controls& controls) const {
     per_channel<double> booster_input{};  // mW
     double input_total = 0.0;
@@ -142,16 +186,18 @@ light optical_plant::propagate(const plant_controls& controls) const {
     }
 
     // Spontaneous emission, as if that much light came in with each channel.
+    const bool amplifies = model_.has_booster && controls.booster_on();
     const double emission =
-        controls.booster_on() ? milliwatts(photon_noise + model_.booster_noise_figure) : 0.0;
-    const double gain = controls.booster_on() ? controls.booster_gain : -model_.booster_absorption;
+        amplifies ? milliwatts(photon_noise + model_.booster_noise_figure) : 0.0;
+    const double gain = amplified_by(controls);
     per_channel<double> output{};  // mW
     double output_total = 0.0;
     for (unsigned channel = 1; channel <= channel_count; ++channel) {
         output[channel] = (booster_input[channel] + emission) * milliwatts(gain_of(channel, gain));
         output_total += output[channel];
     }
-    const double excess = std::max(0.0, dbm(output_total) - controls.booster_power_limit);
+    const double excess =
+        model_.has_booster ? std::max(0.0, dbm(output_total) - controls.booster_power_limit) : 0.0;
 
     light result;
     for (unsigned channel = 1; channel <= channel_count; ++channel)

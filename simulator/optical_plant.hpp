@@ -1,5 +1,6 @@
 // The light of one control loop: clients, span, wavelength selective switch
-// (WSS), booster, and the optical channel monitor behind it.
+// (WSS), booster, and the optical channel monitor behind it. The EQ port of a
+// two-port card has no booster: its monitor sees what leaves the switch.
 //
 //     launch power --span--> card input --WSS--> booster input --booster--> line
 //                               |                                   |
@@ -28,7 +29,8 @@ inline constexpr double darkness = -60.0;
 
 // How a channel passes the WSS. A channel that is off, or attenuated by
 // `blocked_attenuation`, leaks `extinction` below what would pass.
-enum class port_mode { off, edfa, express };
+// The ports of a two-port card are on or off.
+enum class port_mode { off, edfa, express, on };
 
 inline constexpr double blocked_attenuation = 25.5;
 inline constexpr double attenuation_step = 0.1;
@@ -46,8 +48,10 @@ double settable_attenuation(double attenuation);
 struct plant_model {
     double edfa_insertion_loss = 5.0;
     double express_insertion_loss = 8.0;
+    double port_insertion_loss = 5.0;  // of a port that is on
     double extinction = 40.0;
-    double monitor_tap_loss = 20.2;  // from the booster's output to the channel monitor
+    bool has_booster = true;
+    double monitor_tap_loss = 20.2;  // from the output to the channel monitor
     double receive_tap_loss = 13.0;  // from the card's input to the receive monitor
     double booster_tilt = 0.6;       // gain of channel 48 above that of channel 1
     double booster_ripple = 0.4;     // amplitude over wavelength
@@ -57,7 +61,16 @@ struct plant_model {
     double booster_input_threshold = -30.0;  // weakest total input that is no loss of signal
     double monitor_ripple = 0.15;            // largest error of the monitor's reading of a channel
     double detection_threshold = -32.0;      // weakest channel power at the monitor with a peak
+
+    // As the card comes from the shelf.
+    port_mode first_port = port_mode::edfa;
+    double first_launch_power = 0.0;  // of the middle one of the channels
+    double first_span_loss = 5.0;
 };
+
+// The two ports of a card that has an EQ port beside that of its booster.
+plant_model edfa_port_model();
+plant_model eq_port_model();
 
 // What hands may turn: clients, fibres, handlers, faults.
 struct plant_controls {
@@ -96,12 +109,12 @@ inline constexpr range monitor_noise_range{0.0, 3.0};
 
 // A card as it comes from the shelf: 40 channels lit with powers that the seed
 // spreads over 4 dB; every sixth channel is dark.
-plant_controls default_controls(std::uint64_t seed);
+plant_controls default_controls(std::uint64_t seed, const plant_model& model = {});
 
 // The true powers.
 struct light {
-    per_channel<double> output{};   // at the booster's output, noise in the channel's slot included
-    double input_total = darkness;  // at the card's input
+    per_channel<double> output{};           // of the port, noise in the channel's slot included
+    double input_total = darkness;          // at the card's input
     double booster_input_total = darkness;  // behind the WSS
     double output_total = darkness;
     double booster_gain = 0.0;  // in force, averaged over wavelength
@@ -138,6 +151,7 @@ class optical_plant {
     float booster_input_power(const light&) const;
 
   private:
+    double amplified_by(const plant_controls&) const;
     double gain_of(unsigned channel, double average_gain) const;
     float reading(double power, std::uint64_t meter, std::uint64_t sweep, double noise) const;
 

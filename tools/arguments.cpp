@@ -40,8 +40,9 @@ constexpr std::array command_forms{
     command_form{"info", 1, any, ""},
     command_form{"history", 0, 1, ""},
     command_form{"version", 0, 0, ""},
-    command_form{"channels", 0, any,
-                 " --live --interval --until --quiet --time-limit --summary --wss-socket "},
+    command_form{
+        "channels", 0, any,
+        " --live --interval --until --quiet --time-limit --summary --wss-socket --wss-port "},
 };
 
 const command_form& form_of(const std::string& command) {
@@ -50,6 +51,12 @@ const command_form& form_of(const std::string& command) {
     if (found == command_forms.end())
         throw usage_error{"unknown command '" + printable(command) + "'"};
     return *found;
+}
+
+unsigned parse_wss_port(const std::string& word) {
+    if (word != "1" && word != "2")
+        throw usage_error{"--wss-port is 1 or 2"};
+    return parse_number(word, 2);
 }
 
 double parse_seconds(const std::string& word) {
@@ -139,6 +146,8 @@ class parser {
             port_ = parse_number(value_of(word), highest_port);
         else if (word == "--wss-socket")
             wss_socket_ = value_of(word);
+        else if (word == "--wss-port")
+            found_.wss_port = parse_wss_port(value_of(word));
         else if (word == "--interval")
             found_.interval = parse_seconds(value_of(word));
         else if (word == "--until")
@@ -273,6 +282,7 @@ options
   --                           all that follows are words, no options
 
 options of channels
+  --wss-port N                 of a card with two WSS ports: those of port 1 or 2
   --live                       keeps the table up to date, until interrupted
   --interval SECONDS           pause between two tables of --live (1)
   --until WHAT                 waits until every channel that was named is WHAT: "settled",

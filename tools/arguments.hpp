@@ -26,6 +26,7 @@ struct arguments {
     bool plain_text = false;  // values of `set` and `run` are text as they stand
     bool tree = false;        // `watch` tells of nodes, not of values
     bool live = false;
+    unsigned wss_port = 0;       // of a two-port card, 1 or 2; 0 on one of one port
     double interval = 1.0;       // seconds of real time between two pictures
     std::string until;           // "settled" or a channel's state; empty: once, or for ever
     double quiet = 60.0;         // seconds without a correction that count as settled

@@ -35,9 +35,11 @@ std::optional<std::string> as_text(const json::value& value) {
     return value.IsString() ? std::optional(json::to<std::string>(value)) : std::nullopt;
 }
 
-// Light, of the severity of the alarm "loss of signal".
-std::optional<bool> as_light(const json::value& severity) {
-    return severity.IsUint() ? std::optional(severity.GetUint() == 0) : std::nullopt;
+// Light, of what the monitor detects, or the severity of the alarm "loss of signal".
+std::optional<bool> as_light(const json::value& told) {
+    if (told.IsBool())
+        return told.GetBool();
+    return told.IsUint() ? std::optional(told.GetUint() == 0) : std::nullopt;
 }
 
 // Whether the attenuation is the one that idle channels stand at.
@@ -121,7 +123,7 @@ channel_board::channel_board(std::vector<channel_paths> channels, program_time n
         numbers_[paths.commanded] = {i, &channel_readings::commanded};
         texts_[paths.mode] = {i, &channel_readings::mode};
         texts_[paths.port] = {i, &channel_readings::port};
-        losses_[paths.loss] = i;
+        losses_[paths.loss.empty() ? paths.detected : paths.loss] = i;
         for (const auto& [port, path] : paths.idle_attenuation)
             idle_attenuations_[path];
     }

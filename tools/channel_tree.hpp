@@ -7,8 +7,8 @@
 
 namespace tmctl {
 
-// The paths of one channel. All but the attenuations are in the traffic
-// manager's tree, those in that of the WSS handler.
+// The paths of one channel. The attenuations and what the monitor detects are
+// in the tree of the WSS handler, all others in the traffic manager's.
 struct channel_paths {
     unsigned channel;
     std::string wanted;
@@ -16,7 +16,9 @@ struct channel_paths {
     std::string tx;
     std::string mode;
     std::string port;
-    std::string loss;  // severity of the alarm "loss of signal", 0 where there is light
+    // Whether there is light, by one of these; the other is empty.
+    std::string loss;      // severity of the alarm "loss of signal", 0 where there is
+    std::string detected;  // the monitor's own word
     std::string attenuation;
     std::string commanded;  // attenuation that was asked for last
     // By port mode, where the attenuation stands at which a dark channel is parked.
@@ -25,8 +27,11 @@ struct channel_paths {
 
 inline constexpr unsigned highest_channel = 48;
 
-// The tree of a card with one WSS port. A card of two ports addresses its
-// channels by port and channel, and is another function that gives these paths.
+// The tree of a card with one WSS port.
 std::vector<channel_paths> one_port_channels();
+
+// Those of one port, 1 or 2, of a card with two. It has one alarm a channel for
+// both of them, so the monitor of the port tells of light.
+std::vector<channel_paths> two_port_channels(unsigned port);
 
 }  // namespace tmctl

@@ -35,7 +35,8 @@ const json::value& no_value() {
 
 std::vector<channel_paths> chosen_channels(const arguments& given) {
     const std::vector<unsigned> numbers = parse_channels(given.operands, highest_channel);
-    std::vector<channel_paths> channels = one_port_channels();
+    std::vector<channel_paths> channels =
+        given.wss_port == 0 ? one_port_channels() : two_port_channels(given.wss_port);
     if (!numbers.empty())
         std::erase_if(channels, [&numbers](const channel_paths& paths) {
             return !std::ranges::binary_search(numbers, paths.channel);
@@ -49,6 +50,7 @@ std::vector<std::string> followed_paths(const std::vector<channel_paths>& channe
     for (const channel_paths& channel : channels)
         paths.insert(paths.end(), {channel.wanted, channel.rx, channel.tx, channel.mode,
                                    channel.port, channel.loss});
+    std::erase(paths, std::string());
     return paths;
 }
 
@@ -67,6 +69,7 @@ std::vector<std::string> each_path(const std::vector<channel_paths>& channels,
     paths.reserve(channels.size());
     for (const channel_paths& channel : channels)
         paths.push_back(channel.*which);
+    std::erase(paths, std::string());
     return paths;
 }
 
@@ -138,14 +141,21 @@ class channel_source {
             const json::value* code = error != nullptr ? json::find(*error, "code") : nullptr;
             if (code != nullptr && code->IsInt() && code->GetInt() == dh_error_code::no_such_path)
                 throw request_error{dh_error_code::no_such_path,
-                                    "the server publishes no channels of a one-port card"};
+                                    "the server publishes no such channels: a card with two WSS "
+                                    "ports wants --wss-port, one with one port does not"};
         });
     }
 
-    // The WSS handler tells of changes of what it is commanded, not of what stands then.
+    // The WSS handler tells of changes of what it is commanded, not of what stands
+    // then, nor of what its monitors see.
     bool read_attenuations(failures wanted) {
-        return !wss_edge_ || ask(*wss_edge_, "read",
-                                 each_path(board_.paths(), &channel_paths::attenuation), wanted);
+        if (!wss_edge_)
+            return true;
+        const bool attenuations =
+            ask(*wss_edge_, "read", each_path(board_.paths(), &channel_paths::attenuation), wanted);
+        return ask(*wss_edge_, "read", each_path(board_.paths(), &channel_paths::detected),
+                   wanted) &&
+               attenuations;
     }
 
     // The values come as events, the first of them too: a reply may be overtaken

@@ -331,7 +331,7 @@ TEST_F(TmctlWithHandler, WatchAsJsonIsTheEventsThemselves) {
 TEST_F(TmctlWithHandler, AnotherKindOfCardHasNoChannels) {
     const outcome shown = on_handler({"channels"});
     EXPECT_EQ(shown.status, exit_status::failed);
-    EXPECT_THAT(shown.err, HasSubstr("no channels of a one-port card"));
+    EXPECT_THAT(shown.err, HasSubstr("the server publishes no such channels"));
 }
 
 // The nodes of one channel, and the WSS that attenuates it.

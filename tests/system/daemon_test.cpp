@@ -193,7 +193,7 @@ TEST_F(Daemon, SecondOneOnTheSameSocketEndsAndSaysWhy) {
 TEST_F(Daemon, SettingThatCannotBeAppliedAtTheStartEndsTheProcessAndIsNamed) {
     become_ready_t47();
     wss_->fail_requests(-5, "stuck");
-    start();
+    start({}, "50");
     EXPECT_EQ(process_->end(), test::ended_by_signal(SIGABRT));
     EXPECT_THAT(process_->standard_error(), HasSubstr("dh_client_exception -5: stuck ["));
 }
