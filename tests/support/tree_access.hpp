@@ -43,4 +43,20 @@ inline std::vector<std::string> paths_under(device_handler_client& client,
     return paths;
 }
 
+// Writes the JSON text's value; the entry of the answer, "{}" where it was taken.
+inline std::string write_json(device_handler_client& client, const std::string& path,
+                              const std::string& text) {
+    json::document params(rapidjson::kObjectType);
+    auto& memory = params.GetAllocator();
+    json::document value(&memory);
+    value.Parse(text.data(), text.size());
+    json::value item(rapidjson::kObjectType);
+    json::add(item, "path", path, memory);
+    json::add(item, "value", std::move(value), memory);
+    json::value items(rapidjson::kArrayType);
+    items.PushBack(std::move(item), memory);
+    json::add(params, "items", std::move(items), memory);
+    return json::to_text(client.call("write", params)[0]);
+}
+
 }  // namespace test

@@ -423,27 +423,14 @@ std::string as_published(std::string json) {
 
 class SettingsOverARestart : public RestoredSettings {
   protected:
-    void write(const saved_setting& setting) {
-        json::document value;
-        value.Parse(setting.json.data(), setting.json.size());
-        json::document params(rapidjson::kObjectType);
-        auto& memory = params.GetAllocator();
-        json::value item(rapidjson::kObjectType);
-        json::add(item, "path", "control/config/" + setting.config, memory);
-        json::add(item, "value", json::value(value, memory), memory);
-        json::value items(rapidjson::kArrayType);
-        items.PushBack(std::move(item), memory);
-        json::add(params, "items", std::move(items), memory);
-        EXPECT_EQ(json::to_text(management_->call("write", params)), "[{}]") << setting.config;
-    }
-
     // Each round changes what the one before has saved.
     void expect_round_trips(std::vector<saved_setting> settings_of(unsigned round)) {
         start_and_restore();
         for (unsigned round = 0; round < 3; ++round) {
             std::map<std::string, std::string> expected;
             for (const saved_setting& setting : settings_of(round)) {
-                write(setting);
+                const std::string path = "control/config/" + setting.config;
+                EXPECT_EQ(test::write_json(*management_, path, setting.json), "{}") << path;
                 expected["control/data/" + setting.data] = as_published(setting.json);
             }
             EXPECT_EQ(difference_to(expected), "") << "before the restart";
