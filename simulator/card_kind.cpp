@@ -14,7 +14,7 @@ namespace {
 std::vector<handler_plan> t47_handlers(const card_kind& kind, const card_models& models) {
     return {system_start_handler(models.start),
             system_info_handler(kind.identity),
-            wss_edge_handler({{models.light, "wss", "ocm/1"}}, {"off", "edfa", "express"}, "ocm/2"),
+            wss_edge_handler({{models.light, "wss", "ocm/1"}}, "ocm/2"),
             booster_handler(models.light),
             osc_handler("osc1", models.osc[0]),
             osc_handler("osc2", models.osc[1])};
@@ -22,14 +22,13 @@ std::vector<handler_plan> t47_handlers(const card_kind& kind, const card_models&
 
 // EDFA and EQ ports, a control loop each.
 std::vector<handler_plan> mx47_handlers(const card_kind& kind, const card_models& models) {
-    return {
-        system_start_handler(models.start),
-        system_info_handler(kind.identity),
-        wss_edge_handler({{models.light, "wss/1", "ocm/1"}, {models.eq_light, "wss/2", "ocm/2"}},
-                         {"off", "on"}, ""),
-        booster_handler(models.light),
-        osc_handler("osc1", models.osc[0]),
-        osc_handler("osc2", models.osc[1])};
+    return {system_start_handler(models.start),
+            system_info_handler(kind.identity),
+            wss_edge_handler(
+                {{models.light, "wss/1", "ocm/1"}, {models.eq_light, "wss/2", "ocm/2"}}, ""),
+            booster_handler(models.light),
+            osc_handler("osc1", models.osc[0]),
+            osc_handler("osc2", models.osc[1])};
 }
 
 const std::array<card_kind, 2>& card_kinds() {

@@ -4,18 +4,17 @@
 #include "host.hpp"
 #include "require_within.hpp"
 
-#include <stdexcept>
 #include <utility>
 
 namespace simulator {
 namespace {
 
-port_mode require_port_mode(const std::string& name) {
-    try {
-        return port_mode_of(name);
-    } catch (const std::invalid_argument& error) {
-        throw dh_error(dh_error_code::invalid_argument, error.what());
+port_mode require_port_mode(const std::string& name, const plant_model& model) {
+    for (const port_mode mode : port_modes(model)) {
+        if (name == name_of(mode))
+            return mode;
     }
+    throw dh_error(dh_error_code::invalid_argument, "no such port mode: " + name.substr(0, 40));
 }
 
 }  // namespace
@@ -84,7 +83,7 @@ std::string light_path::port(unsigned channel) {
 }
 
 void light_path::set_port(unsigned channel, const std::string& mode) {
-    const port_mode wanted = require_port_mode(mode);
+    const port_mode wanted = require_port_mode(mode, plant_.model());
     change([&] { controls_.channels[channel].port = wanted; });
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
-#include <stdexcept>
 
 namespace simulator {
 namespace {
@@ -95,15 +94,6 @@ std::string name_of(port_mode mode) {
     return "off";
 }
 
-port_mode port_mode_of(std::string_view name) {
-    for (const port_mode mode :
-         {port_mode::off, port_mode::edfa, port_mode::express, port_mode::on}) {
-        if (name == name_of(mode))
-            return mode;
-    }
-    throw std::invalid_argument("no such port mode: " + std::string(name.substr(0, 40)));
-}
-
 double settable_attenuation(double attenuation) {
     const double within = range{0.0, blocked_attenuation}.nearest(attenuation);
     // Divided, not multiplied: gives the number that a reader would write.
@@ -112,6 +102,12 @@ double settable_attenuation(double attenuation) {
 
 double range::nearest(double value) const {
     return value > low ? std::min(value, high) : low;
+}
+
+std::vector<port_mode> port_modes(const plant_model& model) {
+    if (model.first_port == port_mode::on)
+        return {port_mode::off, port_mode::on};
+    return {port_mode::off, port_mode::edfa, port_mode::express};
 }
 
 plant_model edfa_port_model() {

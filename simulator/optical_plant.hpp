@@ -14,7 +14,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
-#include <string_view>
+#include <vector>
 
 namespace simulator {
 
@@ -35,10 +35,8 @@ enum class port_mode { off, edfa, express, on };
 inline constexpr double blocked_attenuation = 25.5;
 inline constexpr double attenuation_step = 0.1;
 
-// The names that the WSS handler's paths use. The conversion from a name throws
-// std::invalid_argument where there is no such mode.
+// The name that the WSS handler's paths use.
 std::string name_of(port_mode);
-port_mode port_mode_of(std::string_view name);
 
 // The nearest attenuation that the WSS can set: within 0 and
 // `blocked_attenuation`, in steps of `attenuation_step`.
@@ -67,6 +65,9 @@ struct plant_model {
     double first_launch_power = 0.0;  // of the middle one of the channels
     double first_span_loss = 5.0;
 };
+
+// The modes that a channel's port can have on such a card.
+std::vector<port_mode> port_modes(const plant_model& model);
 
 // The two ports of a card that has an EQ port beside that of its booster.
 plant_model edfa_port_model();

@@ -29,8 +29,7 @@ class wss_edge_settings {
     std::atomic<float> monitor_port_offset_{20.0f};  // dB
 };
 
-void publish_channel(dh_db& db, const wss_port& port, const std::vector<std::string>& modes,
-                     unsigned channel) {
+void publish_channel(dh_db& db, const wss_port& port, unsigned channel) {
     const std::string of_monitor = fmt::format("data/{}/channel/{}/", port.ocm, channel);
     volatile_value<&light_path::detected>::create(db, of_monitor + "detected", port.light, channel);
     volatile_value<&light_path::power_level>::create(db, of_monitor + "powerLevel", port.light,
@@ -44,6 +43,9 @@ void publish_channel(dh_db& db, const wss_port& port, const std::vector<std::str
                                                      port.light, channel);
     const auto mode = config_param<&light_path::set_port>::create(
         db, "config/" + of_switch + "port", port.light, channel);
+    std::vector<std::string> modes;
+    for (const port_mode possible : port_modes(port.light->model()))
+        modes.push_back(name_of(possible));
     mode->describe_constraints(modes);
     const auto attenuation = config_param<&light_path::set_attenuation>::create(
         db, "config/" + of_switch + "attenuation", port.light, channel);
@@ -51,9 +53,9 @@ void publish_channel(dh_db& db, const wss_port& port, const std::vector<std::str
         dh::api::min_max_grid_range_t<double>{0.0, blocked_attenuation, attenuation_step});
 }
 
-void publish_port(dh_db& db, const wss_port& port, const std::vector<std::string>& modes) {
+void publish_port(dh_db& db, const wss_port& port) {
     for (unsigned channel = 1; channel <= channel_count; ++channel)
-        publish_channel(db, port, modes, channel);
+        publish_channel(db, port, channel);
     volatile_value<&light_path::output_total_power>::create(
         db, fmt::format("data/{}/totalPower", port.ocm), port.light);
 }
@@ -71,14 +73,12 @@ void publish_settings(dh_db& db, const std::shared_ptr<wss_edge_settings>& setti
 
 }  // namespace
 
-handler_plan wss_edge_handler(std::vector<wss_port> ports, std::vector<std::string> modes,
-                              std::string receive_monitor) {
-    const auto publish = [ports = std::move(ports), modes = std::move(modes),
-                          receive_monitor = std::move(receive_monitor)](dh_db& db,
-                                                                        dh::api::value_group&) {
+handler_plan wss_edge_handler(std::vector<wss_port> ports, std::string receive_monitor) {
+    const auto publish = [ports = std::move(ports), receive_monitor = std::move(receive_monitor)](
+                             dh_db& db, dh::api::value_group&) {
         auto settings = std::make_shared<wss_edge_settings>();
         for (const wss_port& port : ports)
-            publish_port(db, port, modes);
+            publish_port(db, port);
         if (!receive_monitor.empty())
             volatile_value<&light_path::input_total_power>::create(
                 db, fmt::format("data/{}/totalPower", receive_monitor), ports.front().light);

@@ -18,10 +18,9 @@ struct wss_port {
     std::string ocm;
 };
 
-// `modes` are those that a channel's port can have. `receive_monitor` is the part of the path
+// `receive_monitor` is the part of the path
 // ("ocm/2") of a monitor that sees nothing but the total power at the input of the first port;
 // empty for none.
-handler_plan wss_edge_handler(std::vector<wss_port> ports, std::vector<std::string> modes,
-                              std::string receive_monitor);
+handler_plan wss_edge_handler(std::vector<wss_port> ports, std::string receive_monitor);
 
 }  // namespace simulator

@@ -326,11 +326,33 @@ TEST(SettableAttenuation, IsClampedAndInTenths) {
     EXPECT_EQ(settable_attenuation(std::numeric_limits<double>::quiet_NaN()), 0.0);
 }
 
-TEST(PortMode, NamesGoBothWaysAndOthersAreRefused) {
-    for (const port_mode mode : {port_mode::off, port_mode::edfa, port_mode::express})
-        EXPECT_EQ(port_mode_of(name_of(mode)), mode);
-    EXPECT_THROW(port_mode_of("on"), std::invalid_argument);
-    EXPECT_THROW(port_mode_of(""), std::invalid_argument);
+TEST(PortMode, CardOfOnePortHasOtherModesThanOneOfTwo) {
+    const auto names = [](const simulator::plant_model& model) {
+        std::string all;
+        for (const port_mode mode : simulator::port_modes(model))
+            all += name_of(mode) + " ";
+        return all;
+    };
+    EXPECT_EQ(names({}), "off edfa express ");
+    EXPECT_EQ(names(simulator::edfa_port_model()), "off on ");
+    EXPECT_EQ(names(simulator::eq_port_model()), "off on ");
+}
+
+TEST(EqPort, ShowsItsMonitorWhatLeavesTheSwitch) {
+    const auto model = simulator::eq_port_model();
+    const simulator::optical_plant plant(1, model);
+    auto controls = simulator::default_controls(1, model);
+    auto& channel = controls.channels[1];
+    channel.launch_power = 10.0;
+    channel.attenuation = 6.0;
+    const double output = 10.0 - controls.span_loss - model.port_insertion_loss - 6.0;
+    for (const bool booster_enabled : {true, false}) {
+        controls.booster_enabled = booster_enabled;
+        const auto light = plant.propagate(controls);
+        EXPECT_NEAR(light.output[1], output, 1e-9);
+        EXPECT_NEAR(plant.read_channel(light, 1, 0, 0.0).power, output - model.monitor_tap_loss,
+                    model.monitor_ripple + 0.005);
+    }
 }
 
 }  // namespace
