@@ -30,6 +30,7 @@ class control_tree_fixture : public testing::Test {
         put_board(board);
         wss_.emplace("/tmp/device_handlers/wss_edge");
         booster_.emplace("/tmp/device_handlers/booster");
+        booster_->set("data/actualGain", 21.0F);
         system_start_.emplace("/tmp/device_handlers/system_start");
         system_start_->set("data/systemColdstart", false);
         server_.emplace("test", root() + "/tmp/server");

@@ -20,17 +20,18 @@ class saved_settings_card : public daemon_fixture {
         put_file(parameter_file, "");
     }
 
-    // Until the settings of the file are in force.
-    void start_and_restore(const std::string& time_scale = "50") {
+    // Until the settings of the file are in force. At this scale the ticks of the
+    // tree begin after that, so that they do not hold it up on a slow machine.
+    void start_and_restore(const std::string& time_scale = "20") {
         start({}, time_scale);
         ASSERT_TRUE(eventually_logs("msg: All local configuration is done. ["));
         management_ = management_client();
     }
 
-    void kill_and_restart(const std::string& time_scale = "50") {
+    void kill_and_restart() {
         process_->signal(SIGKILL);
         ASSERT_EQ(process_->end(), ended_by_signal(SIGKILL));
-        start_and_restore(time_scale);
+        start_and_restore();
     }
 
     // Every record of the restore, as "SEVERITY TEXT".

@@ -84,7 +84,7 @@ class BadParameterFile : public test::saved_settings_card {
         test::remove_file(test::parameter_file);
         std::filesystem::create_directories(std::filesystem::path(host_file()).parent_path());
         file.lay_down();
-        start_and_restore("100");
+        start_and_restore();
         EXPECT_FALSE(process_->has_ended());
         // And a setting still comes into force, whatever becomes of the file.
         management_->set<void>("control/config/edfa/defaultAttenuation", 3.5F);
@@ -94,12 +94,14 @@ class BadParameterFile : public test::saved_settings_card {
 
 TEST_F(BadParameterFile, KeepsNoTwoWayCardFromStarting) {
     become_ready_t47();
+    log_level_ = "6";
     for (const bad_file& file : bad_files())
         expect_start_with(file);
 }
 
 TEST_F(BadParameterFile, KeepsNoTwoPortCardFromStarting) {
     become_ready_mx47();
+    log_level_ = "6";
     for (const bad_file& file : bad_files())
         expect_start_with(file);
 }
