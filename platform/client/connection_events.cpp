@@ -241,7 +241,10 @@ bool connection::queue_event(event&& came) {
                 << shown(came.path);
         return true;
     }
-    if (events_.size() >= max_kept_events)
+    // What answers a request of this client is as much as it has asked for.
+    const bool is_answer = came.what == event::kind::listed || came.what == event::kind::unset ||
+                           came.what == event::kind::watch_failed;
+    if (events_.size() >= max_kept_events && !is_answer)
         return false;
     const auto is_state = [](const event& e) {
         return e.what == event::kind::value || e.what == event::kind::error;

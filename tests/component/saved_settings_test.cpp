@@ -33,7 +33,8 @@ void put_file_that_is_too_long() {
 // Of the poll thread, and of the ticks of the tree.
 bool is_of_another_thread(const std::string& text) {
     return text.starts_with("msg: Waiting for local configuration") ||
-           text.starts_with("msg: Get port mode") || text.starts_with("msg: Get_rx_power") ||
+           text.starts_with("msg: MX47. Activate") || text.starts_with("msg: Get port mode") ||
+           text.starts_with("msg: Get_rx_power") ||
            text.starts_with("msg: Exception accessing actual gain");
 }
 
