@@ -69,8 +69,18 @@ class daemon_fixture : public testing::Test {
         put_board("velt,mx47");
     }
 
+    // The server accepts clients before the tree stands; this one finds its first node.
     static std::shared_ptr<device_handler_client> management_client() {
-        return device_handler_client::create("/tmp/device_managers/traffic_manager", "test", {});
+        auto client =
+            device_handler_client::create("/tmp/device_managers/traffic_manager", "test", {});
+        EXPECT_TRUE(eventually([&] { return has_path(*client, "data/mutexStatus"); }));
+        return client;
+    }
+
+    static bool has_path(device_handler_client& client, const std::string& path) {
+        json::document params(rapidjson::kObjectType);
+        json::add(params, "prefix", path, params.GetAllocator());
+        return !client.call("list", params)["nodes"].Empty();
     }
 
     bool eventually_logs(const std::string& text) {
