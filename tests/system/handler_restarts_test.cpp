@@ -126,6 +126,7 @@ class HandlerRestarts : public testing::Test {
                                                       {"VELT_TIME_SCALE", "50"}};
         card_.emplace(VELT_BIN_DIR "/card_simulator", std::vector<std::string>{"--card", "t47"},
                       surroundings, test::root());
+        EXPECT_TRUE(eventually([&] { return card_->has_logged("msg: Card t47 is served"); }));
         hands_ = client_of("/tmp/device_handlers/sim");
         hands_->set<void>("sim/monitor/noise", 0.0F);
         daemon_.emplace(VELT_BIN_DIR "/traffic_manager", std::vector<std::string>{}, surroundings,
