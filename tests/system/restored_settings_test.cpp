@@ -311,13 +311,8 @@ TEST_F(RestoredSettings, FailureAmongTheChannelsOfTwoPortsEndsTheirLoopOnly) {
                    "eq_par_default_attenuation_5_ch\t 9\n"
                    "par_wanted_power_5_ch\t 1.5\n"
                    "par_wanted_power_6_ch\t 2.5\n");
-    // The one for the EQ port still succeeds.
-    wss_->on_request([this](const std::string& request) {
-        if (request == "read data/wss/2/channel/5/port")
-            wss_->fail_requests(-5, "stuck");
-        if (request == "read data/wss/1/channel/5/port")
-            wss_->fail_requests(0);
-    });
+    // The one of the EQ port still succeeds.
+    wss_->set_error("data/wss/1/channel/5/port", -5, "stuck");
     start_and_restore();
     lines expected{waiting, ready};
     append(expected, absent_budgets());
