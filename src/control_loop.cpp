@@ -25,7 +25,7 @@ constexpr auto wss_edge_pause = 10s;
 constexpr auto loop_pause = 2s;
 constexpr auto failed_channel_pause = 2s;
 
-// The neighbour's own limit is deliberately not used here.
+// In force whatever the neighbour tells: no status is ever "connected".
 constexpr float combined_booster_power_limit = 20.0F;  // dBm
 
 // Whether every channel has to be driven to its idle attenuation first: after
@@ -176,8 +176,12 @@ void control_loop_main::take_over_channel(unsigned loop, unsigned channel, bool 
 // A cycle in which no loop may run does not sleep: the read of the booster's
 // state is all that paces it then.
 void control_loop_main::run_cycle(unsigned loops) {
-    if (combo_flag_)
-        regulators_[1]->set_k47_booster_power_limit(combined_booster_power_limit);
+    if (module_poll_.begin_if([this]() -> bool { return combo_flag_; })) {
+        module_poll();
+        const bool is_connected = get_slot_communication_status() == "connected";
+        regulators_[1]->set_k47_booster_power_limit(
+            is_connected ? get_mx47_k47_booster_power_limit() : combined_booster_power_limit);
+    }
     booster_enabled_ = booster_client_->get<bool>("data/enable", false);
     for (unsigned loop = 0; loop < loops; ++loop) {
         if (loop_may_run(loop))

@@ -3,12 +3,14 @@
 #pragma once
 
 #include "dh_proxy.hpp"
+#include "msg_log.hpp"
 #include "Regulation_loop.hpp"
 #include "running_poll.hpp"
 #include "shared_field.hpp"
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -152,6 +154,8 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     std::string get_slot_communication_status() const { return slot_communication_status_.get(); }
 
   private:
+    class poll_end;
+
     regulation_handler& regulator(unsigned port) const;
 
     void start_poll_thread();
@@ -163,6 +167,17 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     void run_cycle(unsigned loops);
     bool loop_may_run(unsigned loop) const;
     void regulate_loop(unsigned loop);
+
+    // All on the poll thread. Throw nothing but what a client of this card throws.
+    void module_poll();
+    std::string poll_slot_neighour();
+    bool neighbour_slot_connected();
+    bool connect_neighbour(const std::string& address);
+    void drop_neighbour();
+    void read_neighbour_booster();
+    void judge_missing_neighbour();
+    void raise_combined_mode_alarm();
+    msg_log::severity_level poll_severity() const;
 
     void apply_max_channels(unsigned port, unsigned count);
     void apply_eq_default_attenuation(float attenuation);
@@ -188,6 +203,10 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     const std::shared_ptr<device_handler_client> wss_edge_client_;
     const std::shared_ptr<device_handler_client> booster_client_;
     const std::shared_ptr<device_handler_client> system_info_client_;
+    // Of the card in the neighbour slot; null while it is not connected.
+    std::shared_ptr<device_handler_ipv6_client> neighbour_booster_;
+    std::shared_ptr<device_handler_ipv6_client> neighbour_system_info_;
+    std::optional<std::string> neighbour_location_;  // its slot's index, once it is known
     // Filled before the poll thread starts, and not changed from then on.
     std::array<std::shared_ptr<regulation_handler>, 2> regulators_;
     shared_number<bool> stop_requested_{false};

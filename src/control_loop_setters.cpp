@@ -149,16 +149,18 @@ void control_loop_main::set_mx47_k47_combo_flag(const std::string& text) {
 
 void control_loop_main::set_mx47_k47_combo_flag_nosave(const std::string& text) {
     regulation_handler& eq_regulator = regulator(1);
-    if (text == "enabled") {
+    if (text == "enabled")
         combo_flag_ = true;
-    } else {
-        module_poll_.await_end([] {
-            MSG_LOG(log_channel, msg_log::detail) << "msg: Waiting for module poll to finish.";
-        });
-        combo_flag_ = false;
-        slot_communication_status_.set("n/a");
-        if (const auto alarm = combined_mode_alarm_.get())
-            alarm->set(0);
-    }
+    else
+        module_poll_.between_polls(
+            [] {
+                MSG_LOG(log_channel, msg_log::detail) << "msg: Waiting for module poll to finish.";
+            },
+            [this] {
+                combo_flag_ = false;
+                slot_communication_status_.set("n/a");
+                if (const auto alarm = combined_mode_alarm_.get())
+                    alarm->set(0);
+            });
     eq_regulator.set_k47_combo_flag(combo_flag_);
 }

@@ -7,38 +7,45 @@
 #include <condition_variable>
 #include <mutex>
 
-// One thread polls, others wait. A wait is woken by the end of the poll itself:
-// the next one may begin a moment later.
+// One thread polls again and again, others change what the polls depend on.
+// Between two polls there may be no more than a moment, so one who waits is
+// woken by the end of a poll, and the next one does not begin before it is done.
 class running_poll {
   public:
-    void begin() {
-        const std::lock_guard lock(mutex_);
-        is_running_ = true;
+    // Begins a poll where `is_wanted()` says so, and tells whether it has.
+    template <class Predicate>
+    bool begin_if(const Predicate& is_wanted) {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return waiting_ == 0; });
+        is_running_ = is_wanted();
+        return is_running_;
     }
 
     void end() {
         const std::lock_guard lock(mutex_);
         is_running_ = false;
-        ++ended_;
         changed_.notify_all();
     }
 
-    // Returns once the poll that is running now has ended. Calls `each_second`
-    // at once and then once a second, of the program's time, until then.
-    template <class Function>
-    void await_end(const Function& each_second) {
+    // Calls `action` while no poll is running. Until then calls `each_second` at
+    // once and then once a second of the program's time.
+    template <class Function, class Action>
+    void between_polls(const Function& each_second, const Action& action) {
         std::unique_lock lock(mutex_);
-        const auto awaited = ended_;
-        while (is_running_ && ended_ == awaited) {
+        ++waiting_;
+        while (is_running_) {
             each_second();
             changed_.wait_for(lock, host::real_duration(std::chrono::seconds(1)),
-                              [&] { return ended_ != awaited; });
+                              [this] { return !is_running_; });
         }
+        action();
+        --waiting_;
+        changed_.notify_all();
     }
 
   private:
     std::mutex mutex_;
     std::condition_variable changed_;
     bool is_running_ = false;
-    unsigned long ended_ = 0;
+    unsigned waiting_ = 0;
 };

@@ -571,8 +571,8 @@ class device_handler_ipv6_client : public device_handler_client_api {
     // the background. `interface` is the scope of a link-local address, or
     // empty. The io_context is not used: the library has its own threads.
     static std::shared_ptr<device_handler_ipv6_client> create(
-        std::shared_ptr<boost::asio::io_context> io, const std::string& address,
-        const std::string& interface, unsigned port, std::string name,
+        std::shared_ptr<boost::asio::io_context> io, const std::string& interface,
+        const std::string& address, unsigned port, std::string name,
         std::weak_ptr<device_handler_connection_subscriber> subscriber);
 
   private:

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -59,6 +60,23 @@ std::string shell_word(const std::string& word);
 // Runs a command line through the shell and waits for it. The result is that
 // of system(3).
 int run_shell(const std::string& command_line);
+
+// What a command line that is run through the shell prints. The command is
+// waited for when this object ends.
+class shell_reader {
+  public:
+    explicit shell_reader(const std::string& command_line);
+    ~shell_reader();
+    shell_reader(const shell_reader&) = delete;
+    shell_reader& operator=(const shell_reader&) = delete;
+
+    // To the end of its output, of which at most 64 KiB are kept. Nothing where
+    // the command could not be run.
+    std::string read_all();
+
+  private:
+    std::FILE* const output_;
+};
 
 // Ends the process at once with everything left as it is: threads may still be
 // using the log, clients and singletons, so nothing is destroyed.

@@ -245,8 +245,8 @@ std::shared_ptr<device_handler_client> device_handler_client::create(
 }
 
 std::shared_ptr<device_handler_ipv6_client> device_handler_ipv6_client::create(
-    std::shared_ptr<boost::asio::io_context>, const std::string& address,
-    const std::string& interface, unsigned port, std::string name,
+    std::shared_ptr<boost::asio::io_context>, const std::string& interface,
+    const std::string& address, unsigned port, std::string name,
     std::weak_ptr<device_handler_connection_subscriber> subscriber) {
     endpoint where{"[" + address + "]:" + std::to_string(port), [address, interface, port] {
                        return open_ipv6_socket(address, interface, port);

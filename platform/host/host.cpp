@@ -1,6 +1,7 @@
 #include "host.hpp"
 
 #include <unistd.h>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -133,6 +134,25 @@ std::string shell_word(const std::string& word) {
 
 int run_shell(const std::string& command_line) {
     return std::system(command_line.c_str());
+}
+
+shell_reader::shell_reader(const std::string& command_line)
+    : output_(::popen(command_line.c_str(), "re")) {}
+
+shell_reader::~shell_reader() {
+    if (output_ != nullptr)
+        ::pclose(output_);
+}
+
+std::string shell_reader::read_all() {
+    constexpr std::size_t max_kept = std::size_t{64} << 10;
+    std::string text;
+    std::array<char, 128> piece{};
+    while (output_ != nullptr && std::fgets(piece.data(), piece.size(), output_) != nullptr) {
+        if (text.size() < max_kept)
+            text += piece.data();
+    }
+    return text;
 }
 
 void end_process(int status) {

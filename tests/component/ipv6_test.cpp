@@ -38,7 +38,7 @@ class Ipv6 : public testing::Test {
 
     std::shared_ptr<device_handler_ipv6_client> connect(const std::string& address = "::1",
                                                         const std::string& interface = "") const {
-        return device_handler_ipv6_client::create(nullptr, address, interface, port_, "other", {});
+        return device_handler_ipv6_client::create(nullptr, interface, address, port_, "other", {});
     }
 
     int code_of_failed_connection(const std::string& address = "::1",
