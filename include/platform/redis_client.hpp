@@ -23,7 +23,7 @@ class redis_client {
     redis_client& operator=(const redis_client&) = delete;
 
     // The value of a key as a T: bool ("true" and "1" are true, anything else
-    // is false), int, double or std::string. Blocks for at most `timeout`
+    // is false), int, finite double or std::string. Blocks for at most `timeout`
     // seconds of real time. Throws redis_error where the store is away, or has
     // no such key, or another kind of value.
     template <class T>

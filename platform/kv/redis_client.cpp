@@ -5,7 +5,9 @@
 #include <hiredis/hiredis.h>
 
 #include <sys/time.h>
+#include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <csignal>
 #include <memory>
 #include <string_view>
@@ -59,16 +61,41 @@ connection connect(const std::string& address, clock::time_point end) {
     return open;
 }
 
-// Nothing where the connection broke.
-reply ask(const connection& open, const std::string& key, clock::time_point end) {
-    if (redisSetTimeout(open.get(), time_left(end)) != REDIS_OK)
+// Bounds what is kept of an answer that does not end.
+constexpr std::size_t max_answer = std::size_t{1} << 20;
+
+bool send(redisContext& open, const std::string& key, clock::time_point end) {
+    if (redisAppendCommand(&open, "GET %b", key.data(), key.size()) != REDIS_OK)
+        return false;
+    for (int is_sent = 0; is_sent == 0;) {
+        if (redisSetTimeout(&open, time_left(end)) != REDIS_OK ||
+            redisBufferWrite(&open, &is_sent) != REDIS_OK)
+            return false;
+    }
+    return true;
+}
+
+// Nothing where the connection broke, or the answer was not there in time. A
+// time-out of the library is one of each read, however little that brings.
+reply ask(redisContext& open, const std::string& key, clock::time_point end) {
+    if (!send(open, key, end))
         return nullptr;
-    return reply(
-        static_cast<redisReply*>(redisCommand(open.get(), "GET %b", key.data(), key.size())));
+    void* answer = nullptr;
+    while (redisReaderGetReply(open.reader, &answer) == REDIS_OK) {
+        if (answer != nullptr)
+            return reply(static_cast<redisReply*>(answer));
+        if (clock::now() >= end || open.reader->len > max_answer ||
+            redisSetTimeout(&open, time_left(end)) != REDIS_OK ||
+            redisBufferRead(&open) != REDIS_OK)
+            break;
+    }
+    return nullptr;
 }
 
 redis_error bad_value(const std::string& key, const std::string& text) {
-    return redis_error("the value of " + key + " is not of the wanted kind: " + text);
+    constexpr std::size_t most_shown = 80;
+    return redis_error("the value of " + key +
+                       " is not of the wanted kind: " + text.substr(0, most_shown));
 }
 
 template <class T>
@@ -94,22 +121,23 @@ redis_client::redis_client() : address_(host::environment("VELT_REDIS", default_
 
 std::optional<std::string> redis_client::read(const std::string& key,
                                               std::chrono::milliseconds timeout) const {
-    thread_local connection open;
+    thread_local connection kept;
     const auto end = clock::now() + timeout;
+    // Kept again only once it has answered: what comes late would be taken for
+    // the answer to the next question.
+    connection open = std::move(kept);
     reply answer;
-    // A connection that the store has closed since is only found out by using it.
+    // That the store has closed a connection since is only found out by using it.
     if (open)
-        answer = ask(open, key, end);
+        answer = ask(*open, key, end);
     if (!answer && clock::now() < end) {
-        open = nullptr;
         open = connect(address_, end);
-        answer = ask(open, key, end);
+        answer = ask(*open, key, end);
     }
-    if (!answer) {
-        const std::string why = open ? open->errstr : "";
-        open = nullptr;
-        throw redis_error("the key-value store " + address_ + " does not answer: " + why);
-    }
+    if (!answer)
+        throw redis_error("the key-value store " + address_ + " does not answer" +
+                          (open && open->err != 0 ? ": " + std::string(open->errstr) : ""));
+    kept = std::move(open);
     if (answer->type == REDIS_REPLY_NIL)
         return std::nullopt;
     const std::string text(answer->str != nullptr ? answer->str : "", answer->len);
@@ -136,7 +164,10 @@ int redis_client::converted<int>(const std::string& key, const std::string& text
 
 template <>
 double redis_client::converted<double>(const std::string& key, const std::string& text) {
-    return number<double>(key, text);
+    const auto value = number<double>(key, text);
+    if (!std::isfinite(value))
+        throw bad_value(key, text);
+    return value;
 }
 
 template <>
