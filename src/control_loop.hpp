@@ -4,6 +4,7 @@
 
 #include "dh_proxy.hpp"
 #include "msg_log.hpp"
+#include "redis_client.hpp"
 #include "Regulation_loop.hpp"
 #include "running_poll.hpp"
 #include "shared_field.hpp"
@@ -177,6 +178,7 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     void read_neighbour_booster();
     void judge_missing_neighbour();
     void raise_combined_mode_alarm();
+    void set_combined_mode_alarm(unsigned severity);
     msg_log::severity_level poll_severity() const;
 
     void apply_max_channels(unsigned port, unsigned count);
@@ -203,6 +205,7 @@ class control_loop_main : public std::enable_shared_from_this<control_loop_main>
     const std::shared_ptr<device_handler_client> wss_edge_client_;
     const std::shared_ptr<device_handler_client> booster_client_;
     const std::shared_ptr<device_handler_client> system_info_client_;
+    redis_client& key_value_store_ = redis_client::instance();
     // Of the card in the neighbour slot; null while it is not connected.
     std::shared_ptr<device_handler_ipv6_client> neighbour_booster_;
     std::shared_ptr<device_handler_ipv6_client> neighbour_system_info_;

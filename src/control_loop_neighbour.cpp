@@ -136,7 +136,7 @@ void control_loop_main::module_poll() {
     }
     try {
         read_neighbour_booster();
-        combined_mode_alarm_.get()->set(0);
+        set_combined_mode_alarm(0);
         end.succeed();
         if (verbose_)
             MSG_LOG(log_channel, msg_log::progress)
@@ -165,19 +165,18 @@ void control_loop_main::read_neighbour_booster() {
 // and does not answer is no alarm, anything else in the slot is one.
 void control_loop_main::judge_missing_neighbour() {
     slot_communication_alive_ = false;
-    redis_client& store = redis_client::instance();
-    const bool is_present =
-        store.get<bool>("/v1/rows/slot/" + *neighbour_location_ + "/present", false, store_timeout);
+    const bool is_present = key_value_store_.get<bool>(
+        "/v1/rows/slot/" + *neighbour_location_ + "/present", false, store_timeout);
     if (!is_present) {
         raise_combined_mode_alarm();
         return;
     }
     try {
-        const auto product = store.get<std::string>(
+        const auto product = key_value_store_.get<std::string>(
             "/v1/rows/module/" + *neighbour_location_ + "/system/info/inventory/productName",
             store_timeout);
         if (product == amplifier_card)
-            combined_mode_alarm_.get()->set(0);
+            set_combined_mode_alarm(0);
         else
             raise_combined_mode_alarm();
     } catch (...) {
@@ -186,6 +185,12 @@ void control_loop_main::judge_missing_neighbour() {
 }
 
 void control_loop_main::raise_combined_mode_alarm() {
-    combined_mode_alarm_.get()->set(1);
+    set_combined_mode_alarm(1);
     slot_communication_status_.set("alarm");
+}
+
+// A loop without its tree has no alarm.
+void control_loop_main::set_combined_mode_alarm(unsigned severity) {
+    if (const auto alarm = combined_mode_alarm_.get())
+        alarm->set(severity);
 }

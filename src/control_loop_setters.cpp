@@ -159,8 +159,7 @@ void control_loop_main::set_mx47_k47_combo_flag_nosave(const std::string& text) 
             [this] {
                 combo_flag_ = false;
                 slot_communication_status_.set("n/a");
-                if (const auto alarm = combined_mode_alarm_.get())
-                    alarm->set(0);
+                set_combined_mode_alarm(0);
             });
     eq_regulator.set_k47_combo_flag(combo_flag_);
 }
