@@ -8,24 +8,29 @@
 namespace simulator {
 namespace {
 
+card_models make_models(const card_kind& kind, card_options& options) {
+    if (options.fed_by)
+        return card_models(std::make_shared<distant_booster>(*options.fed_by));
+    return card_models(options.seed, std::move(options.actions.on_plant), kind.port, kind.eq_port);
+}
+
 std::vector<std::shared_ptr<fallible_handler>> serve(const card_kind& kind,
                                                      const card_models& models,
-                                                     const std::string& root) {
-    const plant_model eq_port = models.eq_light ? models.eq_light->model() : plant_model();
-    lay_board_files(root, kind.compatible, models.light->model(),
-                    models.eq_light ? &eq_port : nullptr);
+                                                     const handler_place& place) {
+    lay_board_files(place.root, kind.compatible, kind.port,
+                    kind.eq_port ? &*kind.eq_port : nullptr);
     std::vector<std::shared_ptr<fallible_handler>> handlers;
     for (handler_plan& plan : kind.handlers(kind, models))
-        handlers.push_back(std::make_shared<fallible_handler>(std::move(plan), root));
+        handlers.push_back(std::make_shared<fallible_handler>(std::move(plan), place));
     return handlers;
 }
 
 }  // namespace
 
 card::card(const card_kind& kind, card_options options)
-    : models_(options.seed, std::move(options.actions.on_plant), kind.has_eq_port),
-      handlers_(serve(kind, models_, options.root)),
-      control_(control_handler(models_, handlers_), options.root),
+    : models_(make_models(kind, options)),
+      handlers_(serve(kind, models_, {options.root, options.interface})),
+      control_(control_handler(models_, handlers_), {options.root}),
       player_(std::move(options.actions.on_handlers), handlers_) {}
 
 }  // namespace simulator

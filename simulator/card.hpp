@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,11 @@ namespace simulator {
 struct card_options {
     std::string root;  // before every path; empty for the host's own root
     std::uint64_t seed = 1;
-    scenario actions;  // on handlers that the card has
+    scenario actions;            // on handlers that the card has
+    std::string interface = {};  // to the neighbour slot; empty for none
+    // The root, below VELT_ROOT, of the simulated card whose EQ port feeds an
+    // amplifier card; that has no light of its own then.
+    std::optional<std::string> fed_by = {};
 };
 
 // All handlers are served from the constructor on, until the destructor, which

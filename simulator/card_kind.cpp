@@ -13,7 +13,7 @@ namespace {
 // EDFA and express ports, one control loop.
 std::vector<handler_plan> t47_handlers(const card_kind& kind, const card_models& models) {
     return {system_start_handler(models.start),
-            system_info_handler(kind.identity),
+            system_info_handler(kind.identity, models.software),
             wss_edge_handler({{models.light, "wss", "ocm/1"}}, "ocm/2"),
             booster_handler(models.light),
             osc_handler("osc1", models.osc[0]),
@@ -23,7 +23,7 @@ std::vector<handler_plan> t47_handlers(const card_kind& kind, const card_models&
 // EDFA and EQ ports, a control loop each.
 std::vector<handler_plan> mx47_handlers(const card_kind& kind, const card_models& models) {
     return {system_start_handler(models.start),
-            system_info_handler(kind.identity),
+            system_info_handler(kind.identity, models.software),
             wss_edge_handler(
                 {{models.light, "wss/1", "ocm/1"}, {models.eq_light, "wss/2", "ocm/2"}}, ""),
             booster_handler(models.light),
@@ -31,10 +31,23 @@ std::vector<handler_plan> mx47_handlers(const card_kind& kind, const card_models
             osc_handler("osc2", models.osc[1])};
 }
 
-const std::array<card_kind, 2>& card_kinds() {
-    static const std::array<card_kind, 2> kinds{{
-        {"t47", "velt,t47", {"VLT-Q-T47", "1.0.0", "1"}, false, t47_handlers},
-        {"mx47", "velt,mx47", {"VLT-Q-MX47", "1.0.0", "1"}, true, mx47_handlers},
+// An amplifier, in the slot beside the card that feeds it.
+std::vector<handler_plan> k47_handlers(const card_kind& kind, const card_models& models) {
+    return {system_start_handler(models.start), system_info_handler(kind.identity, models.software),
+            models.light ? amplifier_handler(models.light) : amplifier_handler(models.fed_by),
+            osc_handler("osc1", models.osc[0]), osc_handler("osc2", models.osc[1])};
+}
+
+const std::array<card_kind, 3>& card_kinds() {
+    static const std::array<card_kind, 3> kinds{{
+        {"t47", "velt,t47", {"VLT-Q-T47", "1"}, plant_model(), std::nullopt, t47_handlers},
+        {"mx47",
+         "velt,mx47",
+         {"VLT-Q-MX47", "1"},
+         edfa_port_model(),
+         eq_port_model(),
+         mx47_handlers},
+        {"k47", "velt,k47", {"VLT-Q-K47", "2"}, amplifier_model(), std::nullopt, k47_handlers},
     }};
     return kinds;
 }
@@ -50,7 +63,8 @@ const card_kind* find_card_kind(const std::string& name) {
 
 std::vector<std::string> handler_names(const card_kind& kind) {
     std::vector<std::string> names;
-    for (const handler_plan& plan : kind.handlers(kind, card_models(0, {}, kind.has_eq_port)))
+    for (const handler_plan& plan :
+         kind.handlers(kind, card_models(0, {}, kind.port, kind.eq_port)))
         names.push_back(plan.socket);
     return names;
 }

@@ -4,6 +4,7 @@
 #include "card_models.hpp"
 #include "handler.hpp"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,8 @@ struct card_kind {
     std::string name;        // "t47"
     std::string compatible;  // as the kernel names the board
     card_identity identity;
-    bool has_eq_port;
+    plant_model port;
+    std::optional<plant_model> eq_port;  // of a two-port card
     std::vector<handler_plan> (*handlers)(const card_kind&, const card_models&);
 };
 

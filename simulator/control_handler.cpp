@@ -38,14 +38,32 @@ void publish_light(dh_db& db, const std::string& base, const std::shared_ptr<lig
     noise::create(db, base + "monitor/noise", light);
 }
 
-void publish_booster(dh_db& db, const std::shared_ptr<light_path>& light) {
-    using gain = control_value<&light_path::booster_gain, &light_path::set_booster_gain>;
-    using fault = control_value<&light_path::booster_fault, &light_path::set_booster_fault>;
-    using limit =
-        control_value<&light_path::booster_power_limit, &light_path::set_booster_power_limit>;
-    gain::create(db, "sim/booster/gain", light);
-    fault::create(db, "sim/booster/fault", light);
-    limit::create(db, "sim/booster/powerLimit", light);
+// `base` is "sim/booster/", or "sim/eq/booster/" of a neighbour's.
+template <class Light>
+void publish_booster(dh_db& db, const std::string& base, const std::shared_ptr<Light>& light) {
+    using gain = control_value<&Light::booster_gain, &Light::set_booster_gain>;
+    using fault = control_value<&Light::booster_fault, &Light::set_booster_fault>;
+    using limit = control_value<&Light::booster_power_limit, &Light::set_booster_power_limit>;
+    gain::create(db, base + "gain", light);
+    fault::create(db, base + "fault", light);
+    limit::create(db, base + "powerLimit", light);
+}
+
+// Where an amplifier card's simulation finds its light.
+void publish_neighbour_booster(dh_db& db, const std::shared_ptr<light_path>& light) {
+    using connected =
+        control_value<&light_path::booster_connected, &light_path::set_booster_connected>;
+    using enabled = control_value<&light_path::booster_enabled, &light_path::set_booster_enabled>;
+    const std::string base = "sim/eq/booster/";
+    publish_booster(db, base, light);
+    connected::create(db, base + "connected", light);
+    enabled::create(db, base + "enabled", light);
+    volatile_value<&light_path::booster_on>::create(db, base + "on", light);
+    volatile_value<&light_path::booster_input_power>::create(db, base + "rxPower", light);
+    volatile_value<&light_path::booster_input_lost>::create(db, base + "inputLost", light);
+    volatile_value<&light_path::booster_output_power>::create(db, base + "txPower", light);
+    volatile_value<&light_path::booster_actual_gain>::create(db, base + "actualGain", light);
+    volatile_value<&light_path::booster_monitor_loss>::create(db, base + "monitorLoss", light);
 }
 
 void publish_osc(dh_db& db, const std::shared_ptr<osc_link>& link, std::size_t number) {
@@ -85,11 +103,19 @@ handler_plan control_handler(card_models models,
                              std::vector<std::shared_ptr<fallible_handler>> handlers) {
     const auto publish = [models = std::move(models), handlers = std::move(handlers)](
                              dh_db& db, dh::api::value_group&) {
-        publish_light(db, "sim/", models.light);
-        if (models.eq_light)
+        if (models.light) {
+            publish_light(db, "sim/", models.light);
+            publish_booster(db, "sim/booster/", models.light);
+            volatile_value<&light_path::seconds>::create(db, "sim/time", models.light);
+        } else {
+            publish_booster(db, "sim/booster/", models.fed_by);
+        }
+        if (models.eq_light) {
             publish_light(db, "sim/eq/", models.eq_light);
-        publish_booster(db, models.light);
-        volatile_value<&light_path::seconds>::create(db, "sim/time", models.light);
+            publish_neighbour_booster(db, models.eq_light);
+        }
+        control_value<&installed_software::version, &installed_software::set_version>::create(
+            db, "sim/softwareVersion", models.software);
         for (std::size_t index = 0; index < models.osc.size(); ++index)
             publish_osc(db, models.osc[index], index + 1);
         for (const auto& handler : handlers)

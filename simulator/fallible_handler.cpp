@@ -6,8 +6,8 @@
 
 namespace simulator {
 
-fallible_handler::fallible_handler(handler_plan plan, std::string root)
-    : plan_(std::move(plan)), root_(std::move(root)) {
+fallible_handler::fallible_handler(handler_plan plan, handler_place place)
+    : plan_(std::move(plan)), place_(std::move(place)) {
     start();
 }
 
@@ -42,7 +42,7 @@ void fallible_handler::start() {
     if (running_)
         return;
     faults_.begin();
-    running_.emplace(plan_, root_, &faults_);
+    running_.emplace(plan_, place_, &faults_);
     faults_.open();
 }
 

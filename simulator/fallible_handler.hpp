@@ -15,7 +15,7 @@ namespace simulator {
 // Any thread may call any member but those of the handler's own server.
 class fallible_handler {
   public:
-    fallible_handler(handler_plan plan, std::string root);
+    fallible_handler(handler_plan plan, handler_place place);
 
     // As scenarios and the control tree call it: where it is reached.
     const std::string& name() const { return plan_.socket; }
@@ -47,7 +47,7 @@ class fallible_handler {
     void stop();
 
     const handler_plan plan_;
-    const std::string root_;
+    const handler_place place_;
     handler_faults faults_;
 
     mutable std::mutex mutex_;  // guards what runs; held while it starts and stops

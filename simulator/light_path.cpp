@@ -152,6 +152,12 @@ double light_path::booster_power_limit() {
     return look([&] { return controls_.booster_power_limit; });
 }
 
+float light_path::booster_monitor_loss() const {
+    const plant_model& built = model();
+    return static_cast<float>(built.has_booster ? built.monitor_tap_loss
+                                                : built.neighbour_monitor_tap_loss);
+}
+
 void light_path::set_booster_power_limit(double limit) {
     require_within(booster_power_limit_range, limit);
     change([&] { controls_.booster_power_limit = limit; });
@@ -206,6 +212,18 @@ bool light_path::booster_fault() {
 
 void light_path::set_booster_fault(bool fault) {
     change([&] { controls_.booster_fault = fault; });
+}
+
+bool light_path::booster_enabled() {
+    return look([&] { return controls_.booster_enabled; });
+}
+
+bool light_path::booster_connected() {
+    return look([&] { return controls_.booster_connected; });
+}
+
+void light_path::set_booster_connected(bool connected) {
+    change([&] { controls_.booster_connected = connected; });
 }
 
 float light_path::monitor_noise() {

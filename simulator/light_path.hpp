@@ -52,6 +52,8 @@ class light_path {
     bool booster_input_lost();
     float booster_actual_gain();
     double booster_power_limit();
+    // From the booster's output to the channel monitor, dB.
+    float booster_monitor_loss() const;
 
     // What hands may turn. A value out of its range is dh_error -22.
     float launch_power(unsigned channel);
@@ -66,6 +68,9 @@ class light_path {
     void set_booster_gain(float);
     bool booster_fault();
     void set_booster_fault(bool);
+    bool booster_enabled();
+    bool booster_connected();
+    void set_booster_connected(bool);
     void set_booster_power_limit(double);
     float monitor_noise();
     void set_monitor_noise(float);

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -26,18 +27,26 @@ struct command_line {
     std::string card;
     std::string scenario_file;
     std::string root;
+    std::string interface;
+    std::optional<std::string> fed_by;
     std::uint64_t seed = 1;
 };
 
 options::options_description describe(command_line& into) {
-    options::options_description described("card_simulator --card t47|mx47 [options]");
+    options::options_description described("card_simulator --card t47|mx47|k47 [options]");
     auto add = described.add_options();
     add("help", options::bool_switch(&into.help), "print this text");
-    add("card", options::value(&into.card), "the card to simulate: t47 or mx47");
+    add("card", options::value(&into.card), "the card to simulate: t47, mx47 or k47");
     add("scenario", options::value(&into.scenario_file),
         "JSON file of what happens to the light and to the handlers");
     add("root", options::value(&into.root)->default_value(host::environment("VELT_ROOT", "")),
         "prefix of all paths");
+    add("ipv6", options::value(&into.interface),
+        "interface on which a neighbour card reaches the booster and the system information");
+    add("fed-by", options::value<std::string>()->notifier([&into](const std::string& root) {
+        into.fed_by = root;
+    }),
+        "of a k47: root, below VELT_ROOT, of the mx47 whose EQ port feeds the booster");
     add("seed", options::value(&into.seed)->default_value(into.seed),
         "of launch powers, ripple and noise");
     return described;
@@ -48,9 +57,7 @@ const simulator::card_kind& require_card(const std::string& card) {
         throw std::invalid_argument("--card is missing");
     if (const auto* const kind = simulator::find_card_kind(card))
         return *kind;
-    if (card == "k47")
-        throw std::invalid_argument("card k47 is not simulated yet; t47 and mx47 are");
-    throw std::invalid_argument("there is no card " + card + "; t47 and mx47 are simulated");
+    throw std::invalid_argument("there is no card " + card + "; t47, mx47 and k47 are simulated");
 }
 
 // Blocked for all threads that are started from now on.
@@ -66,7 +73,11 @@ sigset_t block_termination() {
 void serve(const simulator::card_kind& kind, const command_line& arguments,
            simulator::scenario actions) {
     const sigset_t termination = block_termination();
-    const simulator::card card(kind, {arguments.root, arguments.seed, std::move(actions)});
+    const simulator::card card(kind, {.root = arguments.root,
+                                      .seed = arguments.seed,
+                                      .actions = std::move(actions),
+                                      .interface = arguments.interface,
+                                      .fed_by = arguments.fed_by});
     MSG_LOG("simulator", msg_log::progress)
         << "msg: Card " << arguments.card << " is served, root: \"" << arguments.root
         << "\", seed: " << arguments.seed;
@@ -95,9 +106,14 @@ int main(int argc, char** argv) {
             return 0;
         }
         kind = &require_card(arguments.card);
+        if (arguments.fed_by && arguments.card != "k47")
+            throw std::invalid_argument("--fed-by is for card k47");
         if (!arguments.scenario_file.empty())
             actions =
                 simulator::load_scenario(arguments.scenario_file, simulator::handler_names(*kind));
+        if (arguments.fed_by && !actions.on_plant.empty())
+            throw std::invalid_argument(
+                "light that is another card's knows no scenario of this one");
     } catch (const std::exception& error) {
         std::cerr << "card_simulator: " << error.what() << '\n';
         return status_bad_usage;

@@ -127,6 +127,15 @@ plant_model eq_port_model() {
     model.booster_ripple = 0.0;
     model.first_launch_power = 16.0;
     model.first_span_loss = 3.0;
+    model.first_booster_gain = 5.0;
+    model.first_booster_power_limit = 21.0;
+    return model;
+}
+
+plant_model amplifier_model() {
+    plant_model model = eq_port_model();
+    model.has_booster = true;
+    model.monitor_tap_loss = model.neighbour_monitor_tap_loss;
     return model;
 }
 
@@ -134,6 +143,9 @@ plant_controls default_controls(std::uint64_t seed, const plant_model& model) {
     constexpr std::uint64_t launch_stream = 1;
     plant_controls controls;
     controls.span_loss = model.first_span_loss;
+    controls.booster_connected = model.has_booster;
+    controls.booster_gain = model.first_booster_gain;
+    controls.booster_power_limit = model.first_booster_power_limit;
     for (unsigned channel = 1; channel <= channel_count; ++channel) {
         controls.channels[channel].lit = channel % dark_every != 0;
         controls.channels[channel].port = model.first_port;
@@ -162,7 +174,7 @@ double optical_plant::gain_of(unsigned channel, double average_gain) const {
 }
 
 double optical_plant::amplified_by(const plant_controls& controls) const {
-    if (!model_.has_booster)
+    if (!controls.booster_connected)
         return 0.0;
     return controls.booster_on() ? controls.booster_gain : -model_.booster_absorption;
 }
@@ -182,7 +194,7 @@ light optical_plant::propagate(const plant_controls& controls) const {
     }
 
     // Spontaneous emission, as if that much light came in with each channel.
-    const bool amplifies = model_.has_booster && controls.booster_on();
+    const bool amplifies = controls.booster_connected && controls.booster_on();
     const double emission =
         amplifies ? milliwatts(photon_noise + model_.booster_noise_figure) : 0.0;
     const double gain = amplified_by(controls);
@@ -192,8 +204,9 @@ light optical_plant::propagate(const plant_controls& controls) const {
         output[channel] = (booster_input[channel] + emission) * milliwatts(gain_of(channel, gain));
         output_total += output[channel];
     }
-    const double excess =
-        model_.has_booster ? std::max(0.0, dbm(output_total) - controls.booster_power_limit) : 0.0;
+    const double excess = controls.booster_connected
+                              ? std::max(0.0, dbm(output_total) - controls.booster_power_limit)
+                              : 0.0;
 
     light result;
     for (unsigned channel = 1; channel <= channel_count; ++channel)
@@ -202,13 +215,16 @@ light optical_plant::propagate(const plant_controls& controls) const {
     result.booster_input_total = dbm(booster_input_total);
     result.output_total = dbm(output_total * milliwatts(-excess));
     result.booster_gain = gain - excess;
+    result.monitor_tap_loss = controls.booster_connected && !model_.has_booster
+                                  ? model_.neighbour_monitor_tap_loss
+                                  : model_.monitor_tap_loss;
     return result;
 }
 
 channel_reading optical_plant::read_channel(const light& light, unsigned channel,
                                             std::uint64_t sweep, double noise) const {
     const double at_monitor =
-        light.output[channel] - model_.monitor_tap_loss + monitor_error_[channel];
+        light.output[channel] - light.monitor_tap_loss + monitor_error_[channel];
     channel_reading result;
     result.power = reading(at_monitor, channel, sweep, noise);
     result.detected = result.power >= static_cast<float>(model_.detection_threshold);
@@ -218,7 +234,7 @@ channel_reading optical_plant::read_channel(const light& light, unsigned channel
 
 float optical_plant::read_output_total(const light& light, std::uint64_t sweep,
                                        double noise) const {
-    return reading(light.output_total - model_.monitor_tap_loss, output_total_meter, sweep, noise);
+    return reading(light.output_total - light.monitor_tap_loss, output_total_meter, sweep, noise);
 }
 
 float optical_plant::read_input_total(const light& light, std::uint64_t sweep, double noise) const {

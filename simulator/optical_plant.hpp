@@ -1,6 +1,7 @@
 // The light of one control loop: clients, span, wavelength selective switch
 // (WSS), booster, and the optical channel monitor behind it. The EQ port of a
-// two-port card has no booster: its monitor sees what leaves the switch.
+// two-port card has no booster: its monitor sees what leaves the switch, or the
+// output of an amplifier card's booster that is connected to it.
 //
 //     launch power --span--> card input --WSS--> booster input --booster--> line
 //                               |                                   |
@@ -50,6 +51,8 @@ struct plant_model {
     double extinction = 40.0;
     bool has_booster = true;
     double monitor_tap_loss = 20.2;  // from the output to the channel monitor
+    // The same behind the booster of a neighbour card, for a port without its own.
+    double neighbour_monitor_tap_loss = 21.4;
     double receive_tap_loss = 13.0;  // from the card's input to the receive monitor
     double booster_tilt = 0.6;       // gain of channel 48 above that of channel 1
     double booster_ripple = 0.4;     // amplitude over wavelength
@@ -64,6 +67,8 @@ struct plant_model {
     port_mode first_port = port_mode::edfa;
     double first_launch_power = 0.0;  // of the middle one of the channels
     double first_span_loss = 5.0;
+    double first_booster_gain = 22.0;
+    double first_booster_power_limit = 23.0;
 };
 
 // The modes that a channel's port can have on such a card.
@@ -72,6 +77,9 @@ std::vector<port_mode> port_modes(const plant_model& model);
 // The two ports of a card that has an EQ port beside that of its booster.
 plant_model edfa_port_model();
 plant_model eq_port_model();
+
+// An amplifier card, fed by such an EQ port.
+plant_model amplifier_model();
 
 // What hands may turn: clients, fibres, handlers, faults.
 struct plant_controls {
@@ -85,6 +93,7 @@ struct plant_controls {
     per_channel<channel> channels{};
     double span_loss = 5.0;
     bool fibre_intact = true;
+    bool booster_connected = true;      // the port's own is, a neighbour's may be
     bool booster_enabled = true;        // as its handler was told
     bool booster_fault = false;         // off, whatever its handler was told
     double booster_gain = 22.0;         // where the output power limit allows it
@@ -119,6 +128,7 @@ struct light {
     double booster_input_total = darkness;  // behind the WSS
     double output_total = darkness;
     double booster_gain = 0.0;  // in force, averaged over wavelength
+    double monitor_tap_loss = 0.0;
 };
 
 // What the channel monitor says of one channel.

@@ -115,14 +115,14 @@ TEST_F(CardSimulatorProcess, SocketThatIsServedAlreadyIsAnErrorOfItsOwn) {
 TEST_F(CardSimulatorProcess, HelpNamesTheOptions) {
     start({"--help"});
     EXPECT_EQ(process_->end(), exited_with(0));
-    for (const char* option : {"--card", "--scenario", "--root", "--seed"})
+    for (const char* option : {"--card", "--scenario", "--root", "--seed", "--ipv6", "--fed-by"})
         EXPECT_THAT(process_->standard_output(), HasSubstr(option));
 }
 
 TEST_F(CardSimulatorProcess, CardsThatAreNotSimulatedAreRefused) {
     expect_refusal({}, "--card is missing");
-    expect_refusal({"--card", "k47"}, "card k47 is not simulated yet; t47 and mx47 are");
-    expect_refusal({"--card", "t48"}, "there is no card t48; t47 and mx47 are simulated");
+    expect_refusal({"--card", "t48"}, "there is no card t48; t47, mx47 and k47 are simulated");
+    expect_refusal({"--card", "t47", "--fed-by", "/tmp"}, "--fed-by is for card k47");
 }
 
 TEST_F(CardSimulatorProcess, BadScenarioIsRefusedByName) {

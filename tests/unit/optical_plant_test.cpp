@@ -41,11 +41,8 @@ plant_controls regulated(const optical_plant& plant, plant_controls controls, do
     return controls;
 }
 
-void expect_reachable_with_headroom(std::uint64_t of_seed, port_mode port, double wanted) {
-    const optical_plant plant(of_seed);
-    plant_controls controls = default_controls(of_seed);
-    for (auto& channel : controls.channels)
-        channel.port = port;
+void expect_reachable_with_headroom(const optical_plant& plant, plant_controls controls,
+                                    double wanted) {
     controls = regulated(plant, controls, wanted);
     for (unsigned channel = 1; channel <= channel_count; ++channel) {
         if (!controls.channels[channel].lit)
@@ -55,6 +52,13 @@ void expect_reachable_with_headroom(std::uint64_t of_seed, port_mode port, doubl
     }
     EXPECT_NEAR(plant.propagate(controls).booster_gain, controls.booster_gain, exact)
         << "the power limit holds the channels down";
+}
+
+void expect_reachable_with_headroom(std::uint64_t of_seed, port_mode port, double wanted) {
+    plant_controls controls = default_controls(of_seed);
+    for (auto& channel : controls.channels)
+        channel.port = port;
+    expect_reachable_with_headroom(optical_plant(of_seed), controls, wanted);
 }
 
 TEST(PowerBudget, LossesAndGainAddUpFromLaunchToOutput) {
@@ -206,6 +210,7 @@ TEST(Monitor, PeakBeginsAtTheThreshold) {
     model.monitor_ripple = 0.0;
     const optical_plant plant(seed, model);
     light now;
+    now.monitor_tap_loss = model.monitor_tap_loss;
     now.output[1] = model.detection_threshold + model.monitor_tap_loss;
     EXPECT_TRUE(plant.read_channel(now, 1, 0, no_noise).detected);
     now.output[1] -= 0.01;
@@ -353,6 +358,40 @@ TEST(EqPort, ShowsItsMonitorWhatLeavesTheSwitch) {
         EXPECT_NEAR(plant.read_channel(light, 1, 0, 0.0).power, output - model.monitor_tap_loss,
                     model.monitor_ripple + 0.005);
     }
+}
+
+// An EQ port with the booster of an amplifier card behind it.
+plant_controls connected_controls(std::uint64_t of_seed) {
+    plant_controls controls = default_controls(of_seed, eq_port_model());
+    controls.booster_connected = true;
+    return controls;
+}
+
+TEST(NeighbourBooster, AmplifiesTheEqPortWhereItIsConnected) {
+    const optical_plant plant(seed, eq_port_model());
+    const light alone = plant.propagate(default_controls(seed, eq_port_model()));
+    plant_controls controls = connected_controls(seed);
+    const light amplified = plant.propagate(controls);
+    EXPECT_NEAR(amplified.output[1], alone.output[1] + controls.booster_gain, 0.01);
+    EXPECT_NEAR(alone.booster_gain, 0.0, exact);
+    controls.booster_power_limit = 2.0;
+    EXPECT_NEAR(plant.propagate(controls).output_total, 2.0, 1e-6);
+}
+
+TEST(NeighbourBooster, TakesTheMonitorToItsOutput) {
+    const plant_model model = eq_port_model();
+    const optical_plant plant(seed, model);
+    const light amplified = plant.propagate(connected_controls(seed));
+    EXPECT_NEAR(plant.read_channel(amplified, 1, 0, no_noise).power,
+                amplified.output[1] - model.neighbour_monitor_tap_loss,
+                model.monitor_ripple + 0.01);
+}
+
+TEST(NeighbourBooster, LeavesTheWantedPowersOfAFullBudgetWithinReach) {
+    const double wanted = 20.0 - 10.0 * std::log10(static_cast<double>(channel_count));
+    for (std::uint64_t of_seed = 1; of_seed <= 20; ++of_seed)
+        expect_reachable_with_headroom(optical_plant(of_seed, eq_port_model()),
+                                       connected_controls(of_seed), wanted);
 }
 
 }  // namespace
