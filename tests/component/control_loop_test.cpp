@@ -54,6 +54,8 @@ class ControlLoop : public testing::Test {
         wss_.emplace("/tmp/device_handlers/wss_edge");
         booster_.emplace("/tmp/device_handlers/booster");
         system_start_.emplace("/tmp/device_handlers/system_start");
+        system_info_.emplace("/tmp/device_handlers/system_info");
+        system_info_->set("data/locationIndex", "1");
         wss_->set("data/configStatus", true);
         booster_->set("data/enable", false);
         system_start_->set("data/systemColdstart", false);
@@ -145,6 +147,7 @@ class ControlLoop : public testing::Test {
     std::optional<test::scripted_handler> wss_;
     std::optional<test::scripted_handler> booster_;
     std::optional<test::scripted_handler> system_start_;
+    std::optional<test::scripted_handler> system_info_;
     dh_db db_;
     std::mutex main_mutex_;
     std::shared_ptr<dh::util::proxy> proxy_;

@@ -67,6 +67,8 @@ class daemon_fixture : public testing::Test {
     void become_ready_mx47() {
         become_ready_t47();
         put_board("velt,mx47");
+        system_info_.emplace("/tmp/device_handlers/system_info");
+        system_info_->set("data/locationIndex", "1");
     }
 
     // The server accepts clients before the tree stands; this one finds its first node.
@@ -105,6 +107,7 @@ class daemon_fixture : public testing::Test {
     std::optional<scripted_handler> wss_;
     std::optional<scripted_handler> booster_;
     std::array<std::optional<scripted_handler>, 2> oscs_;
+    std::optional<scripted_handler> system_info_;
     std::optional<process> process_;
 };
 

@@ -182,8 +182,6 @@ class PublishedTree : public test::daemon_fixture {
         test::eventually([&] { return described_by_daemon() == page; });
         EXPECT_EQ(described_by_daemon(), page);
     }
-
-    std::optional<test::scripted_handler> system_info_;
 };
 
 TEST_F(PublishedTree, OfATwoWayCardIsListedAsClientsKnowIt) {

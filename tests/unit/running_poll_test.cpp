@@ -10,48 +10,74 @@
 using namespace std::chrono_literals;
 using test::eventually;
 
+namespace {
+
+constexpr auto always = [] { return true; };
+constexpr auto never = [] { return false; };
+
+// One who waits in another thread for the gap between two polls.
+struct waiting_one {
+    running_poll& poll;
+    std::atomic<unsigned> told{0};
+    std::atomic<bool> acted{false};
+    std::future<void> waiting = std::async(std::launch::async, [this] {
+        poll.between_polls([this] { told.fetch_add(1); }, [this] { acted = true; });
+    });
+
+    bool waits() {
+        return eventually([this] { return told > 0; });
+    }
+};
+
+}  // namespace
+
 TEST(RunningPoll, NobodyWaitsWhereNothingIsPolled) {
     running_poll poll;
     unsigned told = 0;
-    poll.await_end([&] { ++told; });
-    poll.begin();
+    unsigned acted = 0;
+    const auto act = [&] { poll.between_polls([&] { ++told; }, [&] { ++acted; }); };
+    act();
+    EXPECT_TRUE(poll.begin_if(always));
     poll.end();
-    poll.await_end([&] { ++told; });
+    act();
+    EXPECT_EQ(told, 0U);
+    EXPECT_EQ(acted, 2U);
+}
+
+TEST(RunningPoll, PollThatIsNotWantedDoesNotBegin) {
+    running_poll poll;
+    EXPECT_FALSE(poll.begin_if(never));
+    unsigned told = 0;
+    poll.between_polls([&] { ++told; }, [] {});
     EXPECT_EQ(told, 0U);
 }
 
 TEST(RunningPoll, WaitLastsUntilTheEndOfThePollAndIsToldOfAtOnce) {
     running_poll poll;
-    std::atomic<unsigned> told{0};
-    poll.begin();
-    auto waiting =
-        std::async(std::launch::async, [&] { poll.await_end([&] { told.fetch_add(1); }); });
-    ASSERT_TRUE(eventually([&] { return told > 0; }));
-    EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
+    ASSERT_TRUE(poll.begin_if(always));
+    waiting_one other{poll};
+    ASSERT_TRUE(other.waits());
+    EXPECT_FALSE(other.acted);
     poll.end();
-    waiting.get();
+    other.waiting.get();
+    EXPECT_TRUE(other.acted);
 }
 
-TEST(RunningPoll, WaitEndsThoughTheNextPollBeginsAtOnce) {
+TEST(RunningPoll, NextPollThatBeginsAtOnceLetsTheOneWhoWaitsGoFirst) {
     running_poll poll;
-    std::atomic<unsigned> told{0};
-    poll.begin();
-    auto waiting =
-        std::async(std::launch::async, [&] { poll.await_end([&] { told.fetch_add(1); }); });
-    ASSERT_TRUE(eventually([&] { return told > 0; }));
+    ASSERT_TRUE(poll.begin_if(always));
+    waiting_one other{poll};
+    ASSERT_TRUE(other.waits());
     poll.end();
-    poll.begin();
-    EXPECT_EQ(waiting.wait_for(30s), std::future_status::ready);
-    poll.end();
+    EXPECT_FALSE(poll.begin_if([&] { return !other.acted; }));
+    other.waiting.get();
 }
 
 TEST(RunningPoll, LongWaitIsToldOfAgain) {
     running_poll poll;
-    std::atomic<unsigned> told{0};
-    poll.begin();
-    auto waiting =
-        std::async(std::launch::async, [&] { poll.await_end([&] { told.fetch_add(1); }); });
-    EXPECT_TRUE(eventually([&] { return told >= 2; }));
+    ASSERT_TRUE(poll.begin_if(always));
+    waiting_one other{poll};
+    EXPECT_TRUE(eventually([&] { return other.told >= 2; }));
     poll.end();
-    waiting.get();
+    other.waiting.get();
 }
