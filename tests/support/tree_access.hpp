@@ -5,6 +5,7 @@
 #include "json.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <map>
 #include <string>
@@ -45,7 +46,8 @@ inline std::vector<std::string> paths_under(device_handler_client& client,
 
 // Writes the JSON text's value; the entry of the answer, "{}" where it was taken.
 inline std::string write_json(device_handler_client& client, const std::string& path,
-                              const std::string& text) {
+                              const std::string& text,
+                              std::chrono::milliseconds time_limit = std::chrono::seconds(10)) {
     json::document params(rapidjson::kObjectType);
     auto& memory = params.GetAllocator();
     json::document value(&memory);
@@ -56,7 +58,7 @@ inline std::string write_json(device_handler_client& client, const std::string& 
     json::value items(rapidjson::kArrayType);
     items.PushBack(std::move(item), memory);
     json::add(params, "items", std::move(items), memory);
-    return json::to_text(client.call("write", params)[0]);
+    return json::to_text(client.call("write", params, time_limit)[0]);
 }
 
 }  // namespace test
