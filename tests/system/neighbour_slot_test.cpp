@@ -148,7 +148,7 @@ class NeighbourSlot : public test::daemon_fixture {
 
     static inline const std::string simulator_program = VELT_BIN_DIR "/card_simulator";
 
-    std::string time_scale_ = "1";
+    std::string time_scale_ = "4";
     network_namespace card_;
     network_namespace neighbour_;
     test::redis_server store_;
