@@ -168,11 +168,16 @@ class hysteresis_filtered_value : public Impl {
         this->periodic_task(true);
     }
 
-    void get(const std::string& key, json::allocator& memory, json::value& out) override {
-        const std::unique_lock lock(mutex_);
+    // What readers see, for the program itself. Throws the dh_error where that is one.
+    value_type value() const {
+        const std::lock_guard lock(mutex_);
         if (const auto* error = std::get_if<dh_error>(&published_))
             throw dh_error(error->code, error->what());
-        json::add(out, key, std::get<value_type>(published_), memory);
+        return std::get<value_type>(published_);
+    }
+
+    void get(const std::string& key, json::allocator& memory, json::value& out) override {
+        json::add(out, key, value(), memory);
     }
 
     void periodic_task(bool pushed) override {
@@ -352,7 +357,7 @@ class hysteresis_filtered_value : public Impl {
         return text.str();
     }
 
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     result published_;
     const setting setting_;
     unsigned delay_counter_ = 0;

@@ -52,7 +52,13 @@ class RedisClientOfANoise : public RedisClient {
             "/usr/bin/socat",
             std::vector<std::string>{"UNIX-LISTEN:" + socket + ",fork", "EXEC:" + command},
             test::process::environment(), test::root());
-        ASSERT_TRUE(test::eventually([&] { return std::filesystem::exists(socket); }));
+        ASSERT_TRUE(test::eventually([&] { return takes_connections(socket); }));
+    }
+
+    static bool takes_connections(const std::string& socket) {
+        test::process visitor("/usr/bin/socat", {"-u", "OPEN:/dev/null", "UNIX-CONNECT:" + socket},
+                              test::process::environment(), test::root());
+        return visitor.end() == test::exited_with(0);
     }
 
     std::optional<test::process> server_;
