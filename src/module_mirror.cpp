@@ -8,7 +8,12 @@ std::shared_ptr<device_handler_client> create_supervised_client(
     return client;
 }
 
+std::shared_ptr<dh::api::status_value<bool>> find_flag(dh::util::proxy& proxy,
+                                                       const std::string& path) {
+    return proxy.get_path_node<dh::api::status_value<bool>>(path).value_or(nullptr);
+}
+
 bool has_config_status(dh::util::proxy& proxy, const std::string& name) {
-    const auto node = proxy.get_path_node<dh::api::status_value<bool>>(name + "/data/configStatus");
-    return node && (*node)->latest();
+    const auto status = find_flag(proxy, name + "/data/configStatus");
+    return status && status->latest();
 }

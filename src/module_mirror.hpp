@@ -12,6 +12,10 @@ std::shared_ptr<device_handler_client> create_supervised_client(
     dh::util::proxy& proxy, const std::string& unix_path, const std::string& name,
     const std::shared_ptr<device_handler_connection_subscriber>& subscriber);
 
+// The flag at the path; null where there is none.
+std::shared_ptr<dh::api::status_value<bool>> find_flag(dh::util::proxy& proxy,
+                                                       const std::string& path);
+
 // Whether the module mirrored under `name` says that its configuration is
 // done. False as long as nothing is mirrored.
 bool has_config_status(dh::util::proxy& proxy, const std::string& name);

@@ -56,6 +56,10 @@ void traffic_manager_velt::publish_own_nodes() {
 // modules stand.
 void traffic_manager_velt::start_modules() {
     const std::lock_guard lock(mutex_);
+    MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting PPM.";
+    start_ppm();
+    MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting Interface.";
+    start_interface();
     MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting Booster.";
     start_booster();
     MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting WSS-EDGE.";
@@ -82,6 +86,20 @@ void traffic_manager_velt::mirror_while_connected(const std::shared_ptr<Module>&
         host::time().sleep(disconnect_pause);
         proxy->unsubscribe_path(client, "");
     });
+}
+
+void traffic_manager_velt::start_ppm() {
+    for (unsigned index = 0; index < ppm_slots_.size(); ++index) {
+        ppm_slots_[index] = ppm_slot::create(index, proxy_, listener_);
+        mirror_while_connected(ppm_slots_[index]);
+    }
+}
+
+void traffic_manager_velt::start_interface() {
+    for (unsigned index = 0; index < sfp_interfaces_.size(); ++index) {
+        sfp_interfaces_[index] = sfp_interface::create(index, proxy_, listener_);
+        mirror_while_connected(sfp_interfaces_[index]);
+    }
 }
 
 void traffic_manager_velt::start_booster() {

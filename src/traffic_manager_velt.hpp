@@ -6,6 +6,8 @@
 #include "control_loop.hpp"
 #include "dh_proxy.hpp"
 #include "osc.hpp"
+#include "ppm.hpp"
+#include "sfp_interface.hpp"
 #include "wss_edge.hpp"
 
 #include <array>
@@ -36,6 +38,8 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
 
     void publish_own_nodes();
     void start_modules();
+    void start_ppm();
+    void start_interface();
     void start_booster();
     void start_wss_edge();
     void start_osc();
@@ -65,8 +69,10 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     std::shared_ptr<config_status_node> config_status_;
     std::shared_ptr<dh::util::proxy> proxy_;
     std::shared_ptr<connection_listener> listener_;
+    std::array<std::shared_ptr<ppm_slot>, 2> ppm_slots_;
     std::shared_ptr<booster> booster_;
     std::shared_ptr<wss_edge> wss_edge_;
+    std::array<std::shared_ptr<sfp_interface>, 2> sfp_interfaces_;
     std::array<std::shared_ptr<osc>, 2> oscs_;
     std::shared_ptr<control_loop_main> control_loop_;
 };

@@ -94,7 +94,8 @@ TEST_F(Daemon, StartsItsModulesInThisOrder) {
     start();
     ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
     EXPECT_THAT(texts_of_channel("6 tm_velt_startup"),
-                testing::ElementsAre("msg: Starting Booster.", "msg: Starting WSS-EDGE.",
+                testing::ElementsAre("msg: Starting PPM.", "msg: Starting Interface.",
+                                     "msg: Starting Booster.", "msg: Starting WSS-EDGE.",
                                      "msg: Starting OSC.", "msg: Starting controlloop.",
                                      "msg: Updating using config parameters."));
 }
@@ -105,7 +106,8 @@ TEST_F(Daemon, AmplifierCardNeedsNoWssEdgeAndHasNoControlLoop) {
     EXPECT_TRUE(eventually_logs("msg: Traffic manager initialized"));
     EXPECT_FALSE(process_->has_logged("is not ready within"));
     EXPECT_THAT(texts_of_channel("6 tm_velt_startup"),
-                testing::ElementsAre("msg: Starting Booster.", "msg: Starting WSS-EDGE.",
+                testing::ElementsAre("msg: Starting PPM.", "msg: Starting Interface.",
+                                     "msg: Starting Booster.", "msg: Starting WSS-EDGE.",
                                      "msg: Starting OSC."));
 }
 

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -115,11 +116,16 @@ std::string type_of(const std::string& value_type) {
     return value_type == test::text_type ? "text" : value_type;
 }
 
+const std::vector<std::string> pluggable_modules{"ppm/1", "ppm/2", "interface/1", "interface/2"};
+
 bool is_mirrored(const std::string& path) {
-    static const std::vector<std::string> mirrors{"booster/", "wss_edge/", "osc/1/", "osc/2/"};
-    return path != "wss_edge/config/ocm/2/monitorPortOffset" &&
-           std::any_of(mirrors.begin(), mirrors.end(),
-                       [&](const std::string& mirror) { return path.starts_with(mirror); });
+    std::vector<std::string> mirrors{"booster", "wss_edge", "osc/1", "osc/2"};
+    mirrors.insert(mirrors.end(), pluggable_modules.begin(), pluggable_modules.end());
+    const bool is_own = path == "wss_edge/config/ocm/2/monitorPortOffset" ||
+                        path.starts_with("ppm/1/pm/") || path.starts_with("ppm/2/pm/");
+    return !is_own && std::any_of(mirrors.begin(), mirrors.end(), [&](const std::string& mirror) {
+        return path.starts_with(mirror + "/");
+    });
 }
 
 using page_description = std::map<std::string, std::string>;  // "KIND, TYPE" by path
@@ -132,8 +138,17 @@ class PublishedTree : public test::daemon_fixture {
         become_ready_t47();
         test::put_board("velt," + board);
         system_info_.emplace("/tmp/device_handlers/system_info");
+        serve_pluggable_modules();
         start({}, "50");
         ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
+    }
+
+    void serve_pluggable_modules() {
+        const std::vector<std::string> sockets{"ppm/0", "ppm/1", "sfp/0", "sfp/1"};
+        for (std::size_t i = 0; i < modules_.size(); ++i) {
+            modules_[i].emplace("/tmp/device_handlers/" + sockets[i]);
+            modules_[i]->set("present", true);
+        }
     }
 
     // As `tmctl ls --json` prints it.
@@ -153,8 +168,11 @@ class PublishedTree : public test::daemon_fixture {
 
     static page_description described_by_page(const std::set<std::string>& headings,
                                               const std::vector<std::string>& handlers) {
-        const placeholders meanings{
-            {"{c}", numbers(48)}, {"{e}", numbers(49)}, {"{h}", handlers}, {"{p}", numbers(2)}};
+        const placeholders meanings{{"{c}", numbers(48)},
+                                    {"{e}", numbers(49)},
+                                    {"{h}", handlers},
+                                    {"{p}", numbers(2)},
+                                    {"{s}", numbers(2)}};
         page_description description;
         for (const page_row& row : page_rows()) {
             if (!headings.contains(row.heading))
@@ -177,11 +195,14 @@ class PublishedTree : public test::daemon_fixture {
 
     // Alarms of handlers come with their first connection.
     void expect_page_to_be_true(const std::set<std::string>& headings,
-                                const std::vector<std::string>& handlers) {
+                                std::vector<std::string> handlers) {
+        handlers.insert(handlers.end(), pluggable_modules.begin(), pluggable_modules.end());
         const page_description page = described_by_page(headings, handlers);
         test::eventually([&] { return described_by_daemon() == page; });
         EXPECT_EQ(described_by_daemon(), page);
     }
+
+    std::array<std::optional<test::scripted_handler>, 4> modules_;
 };
 
 TEST_F(PublishedTree, OfATwoWayCardIsListedAsClientsKnowIt) {
