@@ -123,6 +123,9 @@ class dh_db_leaf_node : public dh_db_node, public std::enable_shared_from_this<d
 
     // In a tree: false before `add_node`, and again after `remove_node`.
     bool is_attached() const { return attached_db() != nullptr; }
+    // Takes the node out of the tree that it is in, as dh_db::remove_node does.
+    // False where it is in none.
+    bool leave_tree();
     // Was in a tree and was removed from it.
     bool was_removed() const { return removed_.load(std::memory_order_acquire); }
 

@@ -28,6 +28,10 @@ class value_group {
     // first tick is put off by `delay` ticks, so that heavy nodes do not all start at once.
     void add_value(const std::shared_ptr<dh_db_leaf_node>& node, unsigned delay);
 
+    // Takes all nodes out of the group, and out of the tree that they are in:
+    // what was added last goes first.
+    void clear_values();
+
     // One pass over all nodes; what the thread does once a period. Called by
     // tests and benchmarks only, on groups whose own period is long.
     void tick();

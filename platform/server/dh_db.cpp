@@ -90,6 +90,11 @@ bool dh_db_leaf_node::write_returns_response() const {
     return false;
 }
 
+bool dh_db_leaf_node::leave_tree() {
+    dh_db* const db = attached_db();
+    return db != nullptr && db->remove_node(get_path(0));
+}
+
 json::value dh_db_event_node::export_history_entry(json::allocator& memory) const {
     const std::lock_guard lock(subscribers_mutex_);
     json::document changed(&memory);

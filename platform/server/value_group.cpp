@@ -24,6 +24,18 @@ void value_group::add_value(const std::shared_ptr<dh_db_leaf_node>& node, unsign
     members_.push_back({node, delay});
 }
 
+void value_group::clear_values() {
+    std::vector<member> cleared;
+    {
+        const std::lock_guard lock(mutex_);
+        cleared.swap(members_);
+    }
+    for (auto last = cleared.rbegin(); last != cleared.rend(); ++last) {
+        if (const auto node = last->node.lock())
+            node->leave_tree();
+    }
+}
+
 void value_group::run() {
     const auto period = host::real_duration(std::chrono::milliseconds(period_ms_));
     auto due = std::chrono::steady_clock::now() + period;
@@ -58,6 +70,8 @@ void value_group::tick() {
 
 std::shared_ptr<dh_db_leaf_node> value_group::due_member(std::size_t index) {
     const std::lock_guard lock(mutex_);
+    if (index >= members_.size())
+        return nullptr;  // cleared meanwhile
     member& due = members_[index];
     if (due.delay > 0) {
         --due.delay;

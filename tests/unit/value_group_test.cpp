@@ -125,6 +125,53 @@ TEST(ValueGroup, MemberMayBeAddedDuringAPass) {
     EXPECT_GE(added->ticks, 1);
 }
 
+TEST(ValueGroup, ClearedMembersLeaveTheirTreeAndAreTickedNoMore) {
+    value_group group(an_hour_ms, 0, 0);
+    dh_db db;
+    const auto in_tree = make_node("node");
+    const auto in_none = make_node("other");
+    db.add_node("data", in_tree);
+    group.add_value(in_tree, 0);
+    group.add_value(in_none, 0);
+    group.clear_values();
+    group.tick();
+    EXPECT_FALSE(db.contains("data/node"));
+    EXPECT_EQ(in_tree->ticks, 0);
+    EXPECT_EQ(in_none->ticks, 0);
+}
+
+TEST(ValueGroup, ClearingLeavesANodeThatTookThePathOfAMemberThatIsGone) {
+    value_group group(an_hour_ms, 0, 0);
+    dh_db db;
+    const auto member = make_node("node");
+    const auto successor = make_node("node");
+    db.add_node("data", member);
+    group.add_value(member, 0);
+    db.remove_node("data/node");
+    db.add_node("data", successor);
+    group.clear_values();
+    EXPECT_TRUE(db.contains("data/node"));
+}
+
+TEST(ValueGroup, GroupMayBeClearedDuringAPassAndFilledAgain) {
+    value_group group(an_hour_ms, 0, 0);
+    dh_db db;
+    const auto first = make_node("first");
+    const auto second = make_node("second");
+    const auto later = make_node("later");
+    db.add_node("data", first);
+    group.add_value(first, 0);
+    group.add_value(second, 0);
+    first->on_tick = [&] { group.clear_values(); };
+    group.tick();
+    EXPECT_FALSE(db.contains("data/first"));
+    EXPECT_EQ(second->ticks, 0);
+    group.add_value(later, 0);
+    group.tick();
+    EXPECT_EQ(first->ticks, 1);
+    EXPECT_EQ(later->ticks, 1);
+}
+
 TEST(ValueGroup, ThreadTicksItsMembersOnceAPeriod) {
     const auto node = make_node("node");
     value_group group(1, 0, 0);
