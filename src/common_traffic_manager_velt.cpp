@@ -2,6 +2,7 @@
 
 #include "host.hpp"
 #include "msg_log.hpp"
+#include "saturated_unsigned.hpp"
 #include "value_line.hpp"
 
 #include <fmt/format.h>
@@ -16,7 +17,6 @@
 #include <fstream>
 #include <initializer_list>
 #include <ios>
-#include <limits>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -131,11 +131,7 @@ float as_float(const std::string& text) {
 }
 
 unsigned as_unsigned(const std::string& text) {
-    constexpr unsigned highest = std::numeric_limits<unsigned>::max();
-    const float number = as_float(text);
-    if (number <= 0.0F)
-        return 0;
-    return number < static_cast<float>(highest) ? static_cast<unsigned>(number) : highest;
+    return saturated_unsigned(as_float(text));
 }
 
 // --- the file ---
