@@ -21,6 +21,9 @@ constexpr auto readiness_pause = 1s;
 // Between the end of a module's work and the end of its mirror.
 constexpr auto disconnect_pause = 10ms;
 
+// Of the supervisory channel on the line side, and of its transceiver.
+constexpr unsigned line_index = 1;
+
 bool has_control_loop() {
     const device_tree_lib& board = device_tree_lib::instance();
     return board.is_velt_t47() || board.is_velt_mx47();
@@ -69,6 +72,11 @@ void traffic_manager_velt::start_modules() {
     if (has_control_loop()) {
         MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting controlloop.";
         start_control_loop();
+    }
+    MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting Cloopl";
+    start_cloopl();
+    start_otdr();
+    if (has_control_loop()) {
         MSG_LOG(startup_channel, msg_log::progress) << "msg: Updating using config parameters.";
         update_using_configuration_parameters();
     }
@@ -85,6 +93,18 @@ void traffic_manager_velt::mirror_while_connected(const std::shared_ptr<Module>&
         module->on_disconnect();
         host::time().sleep(disconnect_pause);
         proxy->unsubscribe_path(client, "");
+    });
+}
+
+template <class Object>
+void traffic_manager_velt::follow_connection(const std::string& client_name,
+                                             const std::shared_ptr<Object>& object,
+                                             void (Object::*on_connect)(),
+                                             void (Object::*on_disconnect)()) {
+    listener_->on_established(client_name, [object, on_connect] { (*object.*on_connect)(); });
+    listener_->on_lost(client_name, [object, on_disconnect] {
+        (*object.*on_disconnect)();
+        host::time().sleep(disconnect_pause);
     });
 }
 
@@ -123,6 +143,23 @@ void traffic_manager_velt::start_control_loop() {
     control_loop_ =
         control_loop_main::create(proxy_, listener_, wss_edge_->client(), booster_->client());
     control_loop_->create_paths();
+}
+
+void traffic_manager_velt::start_cloopl() {
+    const auto osc_client = oscs_[line_index]->client();
+    const auto sfp_client = sfp_interfaces_[line_index]->client();
+    cloopl_ = cloopl::create(line_index + 1, proxy_, listener_, osc_client, sfp_client);
+    follow_connection(osc_client->name(), cloopl_, &cloopl::on_connect_osc,
+                      &cloopl::on_disconnect_osc);
+    follow_connection(sfp_client->name(), cloopl_, &cloopl::on_connect_sfp,
+                      &cloopl::on_disconnect_sfp);
+}
+
+void traffic_manager_velt::start_otdr() {
+    otdr_ = otdr::create(line_index + 1, proxy_, listener_, oscs_[line_index]->client(),
+                         sfp_interfaces_[line_index]->client());
+    follow_connection(otdr_->client()->name(), otdr_, &otdr::on_connect_sfp,
+                      &otdr::on_disconnect_sfp);
 }
 
 // Not being ready in time is no reason not to serve.

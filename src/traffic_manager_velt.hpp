@@ -3,9 +3,11 @@
 #pragma once
 
 #include "booster.hpp"
+#include "cloopl.hpp"
 #include "control_loop.hpp"
 #include "dh_proxy.hpp"
 #include "osc.hpp"
+#include "otdr.hpp"
 #include "ppm.hpp"
 #include "sfp_interface.hpp"
 #include "wss_edge.hpp"
@@ -14,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 
 // Must be owned by a shared_ptr. The constructor touches no device.
 class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager_velt> {
@@ -44,6 +47,8 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     void start_wss_edge();
     void start_osc();
     void start_control_loop();
+    void start_cloopl();
+    void start_otdr();
 
     void update_using_configuration_parameters();
     void await_wss_edge_configuration();
@@ -58,6 +63,9 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
 
     template <class Module>
     void mirror_while_connected(const std::shared_ptr<Module>& module);
+    template <class Object>
+    void follow_connection(const std::string& client_name, const std::shared_ptr<Object>& object,
+                           void (Object::*on_connect)(), void (Object::*on_disconnect)());
 
     void monitor_readiness();
     void wait_until_ready() const;
@@ -75,4 +83,6 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     std::array<std::shared_ptr<sfp_interface>, 2> sfp_interfaces_;
     std::array<std::shared_ptr<osc>, 2> oscs_;
     std::shared_ptr<control_loop_main> control_loop_;
+    std::shared_ptr<cloopl> cloopl_;
+    std::shared_ptr<otdr> otdr_;
 };

@@ -94,10 +94,10 @@ TEST_F(Daemon, StartsItsModulesInThisOrder) {
     start();
     ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
     EXPECT_THAT(texts_of_channel("6 tm_velt_startup"),
-                testing::ElementsAre("msg: Starting PPM.", "msg: Starting Interface.",
-                                     "msg: Starting Booster.", "msg: Starting WSS-EDGE.",
-                                     "msg: Starting OSC.", "msg: Starting controlloop.",
-                                     "msg: Updating using config parameters."));
+                testing::ElementsAre(
+                    "msg: Starting PPM.", "msg: Starting Interface.", "msg: Starting Booster.",
+                    "msg: Starting WSS-EDGE.", "msg: Starting OSC.", "msg: Starting controlloop.",
+                    "msg: Starting Cloopl", "msg: Updating using config parameters."));
 }
 
 TEST_F(Daemon, AmplifierCardNeedsNoWssEdgeAndHasNoControlLoop) {
@@ -108,7 +108,7 @@ TEST_F(Daemon, AmplifierCardNeedsNoWssEdgeAndHasNoControlLoop) {
     EXPECT_THAT(texts_of_channel("6 tm_velt_startup"),
                 testing::ElementsAre("msg: Starting PPM.", "msg: Starting Interface.",
                                      "msg: Starting Booster.", "msg: Starting WSS-EDGE.",
-                                     "msg: Starting OSC."));
+                                     "msg: Starting OSC.", "msg: Starting Cloopl"));
 }
 
 TEST_F(Daemon, WaitsForTheWssEdgeOfACardThatHasOne) {
