@@ -40,6 +40,7 @@ constexpr std::array command_forms{
     command_form{"info", 1, any, ""},
     command_form{"history", 0, 1, ""},
     command_form{"version", 0, 0, ""},
+    command_form{"otdr", 0, 2, ""},
     command_form{
         "channels", 0, any,
         " --live --interval --until --quiet --time-limit --summary --wss-socket --wss-port "},
@@ -271,6 +272,12 @@ commands
   history [N]                  the last N changes (20), newest first
   version                      what the server is
   channels [N|N-M...]          the channels, with a bar for the way to the wanted power
+  otdr                         the last measurements of the span's reflections
+  otdr measure                 measures them, which may take minutes, and shows them
+  otdr show N                  measurement N: a picture of the span and a table, ghosts
+                               marked, with what has changed since the reference point
+  otdr save N                  makes measurement N the reference point
+  otdr delete N|ref            forgets measurement N, or the reference point
 
 options
   --socket PATH                the server's unix socket

@@ -3,6 +3,7 @@
 #include "arguments.hpp"
 #include "channels_command.hpp"
 #include "node_commands.hpp"
+#include "otdr_command.hpp"
 #include "value_text.hpp"
 #include "watch_command.hpp"
 
@@ -15,9 +16,9 @@ using command = int (*)(const arguments&, const surroundings&);
 
 const std::map<std::string, command>& commands() {
     static const std::map<std::string, command> table{
-        {"get", get},         {"set", set},         {"run", run_node},
-        {"watch", watch},     {"ls", list},         {"info", info},
-        {"history", history}, {"version", version}, {"channels", channels}};
+        {"get", get},           {"set", set},   {"run", run_node},    {"watch", watch},
+        {"ls", list},           {"info", info}, {"history", history}, {"version", version},
+        {"channels", channels}, {"otdr", otdr}};
     return table;
 }
 
