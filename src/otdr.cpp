@@ -105,11 +105,12 @@ void otdr::enter_absent() {
 }
 
 void otdr::on_connect_sfp() {
-    if (is_to_subscribe_) {
+    if (!is_subscribed_) {
         host::time().sleep(settling_time);
+        // Before its first event, which has to count.
+        is_subscribed_ = true;
         proxy_->subscribe<dh::api::status_value<bool>, bool>(sfp_, "present", present_path_);
     }
-    is_to_subscribe_ = false;
     try {
         start();
     } catch (const dh_client_exception& error) {
@@ -118,12 +119,13 @@ void otdr::on_connect_sfp() {
     }
 }
 
-// Nobody is told of the change by this: a handler that restarts has not lost its
-// transceiver.
+// A handler that restarts has not lost its transceiver: what is mirrored becomes
+// false, and nothing follows from it.
 void otdr::on_disconnect_sfp() {
+    const std::lock_guard lock(transceiver_mutex_);
+    is_subscribed_ = false;
     if (const auto node = proxy_->get_path_node<dh::api::status_value<bool>>(present_path_))
         (*node)->set(false);
-    is_to_subscribe_ = true;
 }
 
 void otdr::start() {
@@ -146,6 +148,10 @@ void otdr::on_sfp_present_state_change() {
     if (!node)
         return;
     const std::lock_guard lock(transceiver_mutex_);
+    // An event that the loss of the handler has overtaken; its first one after
+    // the return tells what is.
+    if (!is_subscribed_)
+        return;
     const bool is_present = (*node)->latest();
     if (is_present && !was_present_)
         on_sfp_insert();

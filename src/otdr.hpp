@@ -93,12 +93,13 @@ class otdr : public std::enable_shared_from_this<otdr> {
     std::shared_ptr<dh::api::status_value<bool>> present_;  // made by create_paths
 
     // Held from the question what is fitted until the tree agrees with the
-    // answer, so that an event that comes meanwhile is not overtaken.
+    // answer, so that an event that comes meanwhile is not overtaken. Guards what
+    // follows.
     std::mutex transceiver_mutex_;
-    // Guarded by it:
     dh::api::value_group attributes_{1000, 0, 0};
     std::shared_ptr<dh::api::status_value<bool>> config_status_;  // while there are attributes
     bool was_present_ = true;
+    shared_number<bool> is_subscribed_{false};  // to the handler that is there now
 
     std::mutex measure_mutex_;
     std::array<shared_value<otdr_measurement>, slots> measurements_;
@@ -106,5 +107,4 @@ class otdr : public std::enable_shared_from_this<otdr> {
     shared_value<otdr_measurement> refpoint_;
     shared_number<unsigned> next_slot_;
     shared_number<unsigned> osc_fiber_length_;  // m, of the last pass that could tell
-    shared_number<bool> is_to_subscribe_{true};
 };

@@ -101,11 +101,17 @@ class Otdr : public testing::Test {
         }
         ASSERT_TRUE(eventually([&] { return events_->established == 1; }));
         ASSERT_TRUE(eventually([&] { return db_.contains(present_path); }));
+        let_event_end();
     }
+    // Returns when nobody holds it any more.
     void destroy() {
-        const std::lock_guard lock(events_->mutex);
-        events_->target.reset();
-        otdr_.reset();
+        const std::weak_ptr<otdr> destroyed = otdr_;
+        {
+            const std::lock_guard lock(events_->mutex);
+            events_->target.reset();
+            otdr_.reset();
+        }
+        EXPECT_TRUE(eventually([&] { return destroyed.expired(); }));
     }
     void lose_handler() {
         sfp_.stop();
@@ -406,6 +412,19 @@ TEST_F(Otdr, ReturnedHandlerDoublesNoNode) {
     EXPECT_EQ(log_.count("msg: sfp/2 was removed."), 0U);
     measure({1000});
     EXPECT_EQ(measurement(1), measured(0, false, "1000", "false"));
+}
+
+TEST_F(Otdr, EventThatTheLossOfTheHandlerHasOvertakenIsNoRemoval) {
+    create();
+    otdr_->on_disconnect_sfp();
+    sfp_.set("present", false);
+    let_event_end();
+    expect_available();
+    EXPECT_EQ(log_.count("msg: sfp/2 was removed."), 0U);
+    otdr_->on_connect_sfp();
+    ASSERT_TRUE(eventually([&] { return log_.count("msg: sfp/2 was removed.") == 1; }));
+    let_event_end();
+    expect_absent();
 }
 
 TEST_F(Otdr, MeasurementsDoNotOutliveTheHandlersConnectionAndThePointerDoes) {
