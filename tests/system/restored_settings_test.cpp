@@ -312,7 +312,8 @@ TEST_F(RestoredSettings, FailureAmongTheChannelsOfTwoPortsEndsTheirLoopOnly) {
                    "par_wanted_power_5_ch\t 1.5\n"
                    "par_wanted_power_6_ch\t 2.5\n");
     // The one of the EQ port still succeeds.
-    wss_->set_error("data/wss/1/channel/5/port", -5, "stuck");
+    wss_->set("data/wss/1/channel/5/port", "on");
+    wss_->fail_writes("config/wss/1/channel/5/attenuation", -5, "stuck");
     start_and_restore();
     lines expected{waiting, ready};
     append(expected, absent_budgets());
