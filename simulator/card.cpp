@@ -2,6 +2,7 @@
 
 #include "board_files.hpp"
 #include "control_handler.hpp"
+#include "scenario_steps.hpp"
 
 #include <utility>
 
@@ -31,6 +32,6 @@ card::card(const card_kind& kind, card_options options)
     : models_(make_models(kind, options)),
       handlers_(serve(kind, models_, {options.root, options.interface})),
       control_(control_handler(models_, handlers_), {options.root}),
-      player_(std::move(options.actions.on_handlers), handlers_) {}
+      player_(steps_of(options.actions, handlers_, models_)) {}
 
 }  // namespace simulator

@@ -1,10 +1,10 @@
 // A simulated card: the files that its board carries, and its handlers.
 #pragma once
 
+#include "action_player.hpp"
 #include "card_kind.hpp"
 #include "card_models.hpp"
 #include "fallible_handler.hpp"
-#include "handler_player.hpp"
 #include "scenario.hpp"
 
 #include <cstdint>
@@ -37,7 +37,7 @@ class card {
     const card_models models_;
     const std::vector<std::shared_ptr<fallible_handler>> handlers_;
     const handler control_;
-    const handler_player player_;
+    const action_player player_;
 };
 
 }  // namespace simulator

@@ -2,8 +2,10 @@
 #pragma once
 
 #include "distant_booster.hpp"
+#include "front_panel.hpp"
 #include "light_path.hpp"
 #include "osc_link.hpp"
+#include "pluggable_modules.hpp"
 #include "system_handlers.hpp"
 
 #include <array>
@@ -35,6 +37,19 @@ struct card_models {
     // Of the handlers "osc1" and "osc2".
     std::array<std::shared_ptr<osc_link>, 2> osc{std::make_shared<osc_link>(),
                                                  std::make_shared<osc_link>()};
+    // Of the handlers "ppm/0" and "ppm/1", "sfp/0" and "sfp/1".
+    std::array<std::shared_ptr<ppm_bay>, 2> ppm{std::make_shared<ppm_bay>(),
+                                                std::make_shared<ppm_bay>()};
+    std::array<std::shared_ptr<sfp_bay>, 2> sfp{std::make_shared<sfp_bay>(),
+                                                std::make_shared<sfp_bay>()};
+    std::shared_ptr<front_panel> panel = std::make_shared<front_panel>();
+
+    // Numbered as the module_names.
+    std::shared_ptr<module_bay> bay(std::size_t module) const {
+        const std::array<std::shared_ptr<module_bay>, module_names.size()> bays{ppm[0], ppm[1],
+                                                                                sfp[0], sfp[1]};
+        return bays.at(module);
+    }
 };
 
 }  // namespace simulator

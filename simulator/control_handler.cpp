@@ -80,6 +80,27 @@ void publish_osc(dh_db& db, const std::shared_ptr<osc_link>& link, std::size_t n
     neighbour::create(db, base + "neighbour", link);
 }
 
+void publish_ppm(dh_db& db, const std::shared_ptr<ppm_bay>& bay, std::size_t number) {
+    using present = control_value<&ppm_bay::present, &ppm_bay::set_present>;
+    using loss = control_value<&ppm_bay::loss, &ppm_bay::set_loss>;
+    const std::string base = fmt::format("sim/ppm/{}/", number);
+    present::create(db, base + "present", bay);
+    for (std::size_t which = 0; which < ppm_loss_count; ++which)
+        loss::create(db, base + ppm_loss_names[which], bay, which);
+}
+
+void publish_sfp(dh_db& db, const std::shared_ptr<sfp_bay>& bay, std::size_t number) {
+    using present = control_value<&sfp_bay::present, &sfp_bay::set_present>;
+    using rx_power = control_value<&sfp_bay::rx_power, &sfp_bay::set_rx_power>;
+    using tx_power = control_value<&sfp_bay::tx_power, &sfp_bay::set_tx_power>;
+    using otdr_support = control_value<&sfp_bay::otdr_support, &sfp_bay::set_otdr_support>;
+    const std::string base = fmt::format("sim/interface/{}/", number);
+    present::create(db, base + "present", bay);
+    rx_power::create(db, base + "rxPower", bay);
+    tx_power::create(db, base + "txPower", bay);
+    otdr_support::create(db, base + "otdrSupport", bay);
+}
+
 void publish_handler(dh_db& db, const std::shared_ptr<fallible_handler>& handler) {
     using running = control_value<&fallible_handler::running, &fallible_handler::set_running>;
     using frozen = control_value<&fallible_handler::frozen, &fallible_handler::set_frozen>;
@@ -118,6 +139,10 @@ handler_plan control_handler(card_models models,
             db, "sim/softwareVersion", models.software);
         for (std::size_t index = 0; index < models.osc.size(); ++index)
             publish_osc(db, models.osc[index], index + 1);
+        for (std::size_t index = 0; index < models.ppm.size(); ++index)
+            publish_ppm(db, models.ppm[index], index + 1);
+        for (std::size_t index = 0; index < models.sfp.size(); ++index)
+            publish_sfp(db, models.sfp[index], index + 1);
         for (const auto& handler : handlers)
             publish_handler(db, handler);
         control_value<&start_state::cold, &start_state::set_cold>::create(db, "sim/systemColdstart",

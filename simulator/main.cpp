@@ -38,7 +38,7 @@ options::options_description describe(command_line& into) {
     add("help", options::bool_switch(&into.help), "print this text");
     add("card", options::value(&into.card), "the card to simulate: t47, mx47 or k47");
     add("scenario", options::value(&into.scenario_file),
-        "JSON file of what happens to the light and to the handlers");
+        "JSON file of what happens to the light, the handlers and the modules");
     add("root", options::value(&into.root)->default_value(host::environment("VELT_ROOT", "")),
         "prefix of all paths");
     add("ipv6", options::value(&into.interface),

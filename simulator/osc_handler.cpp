@@ -16,7 +16,7 @@ using text_value = status_value<std::string>;
 using figure_value = hysteresis_filtered_value<pushed_volatile_value_impl<float>>;
 
 // The link's state in the handler's tree, for as long as this object lives.
-class osc_nodes final : public osc_display {
+class osc_nodes final : public display<osc_state> {
   public:
     osc_nodes(dh_db& db, std::shared_ptr<osc_link> link)
         : link_(std::move(link)),

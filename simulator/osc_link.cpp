@@ -4,17 +4,8 @@
 
 namespace simulator {
 
-template <class Member, class Value>
-void osc_link::change(Member osc_state::*member, const Value& value) {
-    const std::lock_guard lock(mutex_);
-    now_.*member = value;
-    if (display_ != nullptr)
-        display_->show(now_);
-}
-
 std::string osc_link::link_status() const {
-    const std::lock_guard lock(mutex_);
-    return now_.link_status;
+    return get(&osc_state::link_status);
 }
 
 void osc_link::set_link_status(const std::string& status) {
@@ -22,8 +13,7 @@ void osc_link::set_link_status(const std::string& status) {
 }
 
 std::string osc_link::state() const {
-    const std::lock_guard lock(mutex_);
-    return now_.state;
+    return get(&osc_state::state);
 }
 
 void osc_link::set_state(const std::string& state) {
@@ -31,8 +21,7 @@ void osc_link::set_state(const std::string& state) {
 }
 
 float osc_link::length() const {
-    const std::lock_guard lock(mutex_);
-    return now_.length;
+    return get(&osc_state::length);
 }
 
 void osc_link::set_length(float length) {
@@ -41,8 +30,7 @@ void osc_link::set_length(float length) {
 }
 
 float osc_link::dispersion() const {
-    const std::lock_guard lock(mutex_);
-    return now_.dispersion;
+    return get(&osc_state::dispersion);
 }
 
 void osc_link::set_dispersion(float dispersion) {
@@ -51,23 +39,11 @@ void osc_link::set_dispersion(float dispersion) {
 }
 
 std::string osc_link::neighbour() const {
-    const std::lock_guard lock(mutex_);
-    return now_.neighbour;
+    return get(&osc_state::neighbour);
 }
 
 void osc_link::set_neighbour(const std::string& neighbour) {
     change(&osc_state::neighbour, neighbour);
-}
-
-void osc_link::show_on(osc_display& display) {
-    const std::lock_guard lock(mutex_);
-    display_ = &display;
-    display.show(now_);
-}
-
-void osc_link::hide() {
-    const std::lock_guard lock(mutex_);
-    display_ = nullptr;
 }
 
 }  // namespace simulator

@@ -2,10 +2,9 @@
 // its handler measures and reports it.
 #pragma once
 
+#include "displayed_state.hpp"
 #include "optical_plant.hpp"
 
-#include <memory>
-#include <mutex>
 #include <string>
 
 namespace simulator {
@@ -23,15 +22,8 @@ struct osc_state {
     std::string neighbour;
 };
 
-// Shows the state to somebody.
-class osc_display {
-  public:
-    virtual ~osc_display() = default;
-    virtual void show(const osc_state&) = 0;
-};
-
 // Any thread may call any member. A value out of its range is dh_error -22.
-class osc_link {
+class osc_link : public displayed_state<osc_state> {
   public:
     std::string link_status() const;
     void set_link_status(const std::string&);
@@ -43,20 +35,6 @@ class osc_link {
     void set_dispersion(float);
     std::string neighbour() const;
     void set_neighbour(const std::string&);
-
-    // Shows the state on the display now and after each change, until `hide`
-    // has returned. There is one display at a time.
-    void show_on(osc_display&);
-    void hide();
-
-  private:
-    template <class Member, class Value>
-    void change(Member osc_state::*member, const Value& value);
-
-    mutable std::mutex
-        mutex_;  // held while the display shows, so that nothing is shown out of turn
-    osc_state now_;
-    osc_display* display_ = nullptr;
 };
 
 }  // namespace simulator

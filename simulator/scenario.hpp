@@ -1,5 +1,5 @@
-// What happens to the light and to the handlers while the card runs: actions at
-// times, read from a JSON file.
+// What happens to the light, to the handlers and to what is plugged in while the
+// card runs: actions at times, read from a JSON file.
 //
 //     {"description": "...",
 //      "actions": [{"time": 60, "action": "change_launch_power",
@@ -19,7 +19,7 @@
 // `channels` is a channel, a list of channels, or "all". `over` is the time in
 // seconds that a change takes; without it the change is a step.
 //
-// and for the handlers:
+// for the handlers:
 //
 //     stop_handler, start_handler, restart_handler    handler
 //     freeze_handler, thaw_handler                    handler
@@ -31,6 +31,13 @@
 // answers, 0 to 60 seconds of real time. At a path that fails it answers an
 // error, at one that is mistyped a value of a wrong type; `path` may name
 // several, separated by blanks.
+//
+// and for what is plugged in:
+//
+//     pull_module, insert_module    module
+//
+// `module` is "ppm/1" or "ppm/2", a passive module, or "interface/1" or
+// "interface/2", a transceiver.
 #pragma once
 
 #include "handler_faults.hpp"
@@ -99,6 +106,11 @@ struct handler_action {
     std::string path;    // that fails, is mistyped or healed
 };
 
+struct module_action {
+    std::size_t module;  // numbered as the module_names
+    bool inserted;
+};
+
 template <class Action>
 struct timed {
     double time;  // seconds since the start
@@ -107,11 +119,13 @@ struct timed {
 };
 using timed_plant_action = timed<plant_action>;
 using timed_handler_action = timed<handler_action>;
+using timed_module_action = timed<module_action>;
 
 // Each list in the order of time; actions of one time in the order of the file.
 struct scenario {
     std::vector<timed_plant_action> on_plant;
     std::vector<timed_handler_action> on_handlers;
+    std::vector<timed_module_action> on_modules;
 };
 
 // A file that is no scenario. The text names the entry that is wrong.

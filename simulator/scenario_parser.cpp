@@ -1,6 +1,7 @@
 #include "scenario.hpp"
 
 #include "json.hpp"
+#include "pluggable_modules.hpp"
 #include "wire.hpp"
 
 #include <fmt/format.h>
@@ -225,6 +226,25 @@ std::optional<handler_action> parse_handler_action(const entry& from,
     return action;
 }
 
+std::size_t parse_module(const entry& from) {
+    const json::value& name = from.text("module");
+    const auto* const found = std::find_if(module_names.begin(), module_names.end(),
+                                           [&](const char* one) { return name == one; });
+    if (found == module_names.end())
+        from.fail(fmt::format("there is no module {}; there are: {}", quoted(name),
+                              fmt::join(module_names, ", ")));
+    return static_cast<std::size_t>(found - module_names.begin());
+}
+
+// Nothing where there is no such action on a module.
+std::optional<module_action> parse_module_action(const entry& from) {
+    const json::value& name = from.text("action");
+    if (name != "pull_module" && name != "insert_module")
+        return std::nullopt;
+    from.allow_members({"time", "action", "module"});
+    return module_action{parse_module(from), name == "insert_module"};
+}
+
 void parse_action(const entry& from, const std::vector<std::string>& handlers, scenario& into) {
     const double time = from.number("time", scenario_time_range);
     const json::value& name = from.text("action");
@@ -232,6 +252,8 @@ void parse_action(const entry& from, const std::vector<std::string>& handlers, s
         into.on_plant.push_back({time, name.GetString(), std::move(*on_plant)});
     else if (auto on_handler = parse_handler_action(from, handlers))
         into.on_handlers.push_back({time, name.GetString(), std::move(*on_handler)});
+    else if (const auto on_module = parse_module_action(from))
+        into.on_modules.push_back({time, name.GetString(), *on_module});
     else
         from.fail("there is no action " + quoted(name));
 }
@@ -282,6 +304,7 @@ scenario parse_scenario(std::string_view text, const std::vector<std::string>& h
         parse_action(entry(actions[index], fmt::format("actions[{}]", index)), handlers, result);
     sort_by_time(result.on_plant);
     sort_by_time(result.on_handlers);
+    sort_by_time(result.on_modules);
     return result;
 }
 

@@ -47,10 +47,11 @@ TEST_F(CardSimulator, SecondCardUnderTheSameRootIsAnError) {
 
 TEST_F(CardSimulator, RemovesItsSocketsAtTheEnd) {
     for (const std::string handler :
-         {"wss_edge", "booster", "osc1", "osc2", "system_info", "system_start", "sim"})
+         {"wss_edge", "booster", "osc1", "osc2", "ppm/0", "ppm/1", "sfp/0", "sfp/1", "led_velt",
+          "system_info", "system_start", "sim"})
         EXPECT_TRUE(fs::is_socket(root + "/tmp/device_handlers/" + handler)) << handler;
     card.reset();
-    EXPECT_TRUE(fs::is_empty(root + "/tmp/device_handlers"));
+    EXPECT_FALSE(test::has_sockets("/tmp/device_handlers"));
 }
 
 TEST_F(CardSimulator, ServesWhatTheStartOfTheDaemonReads) {
@@ -215,6 +216,150 @@ TEST_F(CardSimulator, FibreThatDoesNotExistIsRefused) {
     EXPECT_EQ(code_of_write(*sim, "sim/osc/1/length", 1000.5), -22);
     EXPECT_EQ(code_of_write(*sim, "sim/osc/1/dispersion", 50000.5), -22);
     EXPECT_EQ(code_of_write(*sim, "sim/osc/3/length", 1.0), -2);
+}
+
+// --- what is plugged in ---
+
+// The next events of the paths, in their order, as "PATH VALUE".
+class followed_handler {
+  public:
+    followed_handler(const std::string& socket, const std::vector<std::string>& paths)
+        : client_(socket) {
+        std::string list;
+        for (const std::string& path : paths)
+            list += (list.empty() ? "\"" : ",\"") + path + '"';
+        client_.send_line(R"({"jsonrpc":"2.0","method":"subscribe","params":{"paths":[)" + list +
+                          "]}}");
+        for (std::size_t initial = 0; initial < paths.size(); ++initial)
+            EXPECT_TRUE(client_.read_line());
+    }
+    std::string next() { return test::next_event(client_); }
+
+  private:
+    test::raw_client client_;
+};
+
+std::string event(const std::string& path, const std::string& value) {
+    return R"({"event":"value","path":")" + path + R"(","value":)" + value + "}";
+}
+
+TEST_F(CardSimulator, ServesWhatIsReadOfAPassiveModule) {
+    for (const std::string socket : {"ppm/0", "ppm/1"}) {
+        const auto client = client_of(socket);
+        EXPECT_TRUE(client->get<bool>("present"));
+        EXPECT_EQ(client->get<unsigned>("inventory/wdmAddLoss"), 45U);
+        EXPECT_EQ(client->get<unsigned>("inventory/wdmDropLoss"), 47U);
+        EXPECT_EQ(client->get<unsigned>("inventory/oscAddLoss"), 12U);
+        EXPECT_EQ(client->get<unsigned>("inventory/oscDropLoss"), 14U);
+    }
+}
+
+TEST_F(CardSimulator, PassiveModuleThatIsPutInHasItsInventoryBeforeItIsTold) {
+    const auto sim = client_of("sim");
+    followed_handler upper(socket_of("ppm/0"),
+                           {"present", "inventory/wdmAddLoss", "inventory/wdmDropLoss",
+                            "inventory/oscAddLoss", "inventory/oscDropLoss"});
+    sim->set<void>("sim/ppm/1/present", false);
+    for (const std::string loss : {"wdmAddLoss", "wdmDropLoss", "oscAddLoss", "oscDropLoss"})
+        EXPECT_EQ(upper.next(), event("inventory/" + loss, "0"));
+    EXPECT_EQ(upper.next(), event("present", "false"));
+    sim->set<void>("sim/ppm/1/wdmAddLoss", 60);
+    EXPECT_EQ(sim->get<unsigned>("sim/ppm/1/wdmAddLoss"), 60U);
+    sim->set<void>("sim/ppm/1/present", true);
+    EXPECT_EQ(upper.next(), event("inventory/wdmAddLoss", "60"));
+    EXPECT_EQ(upper.next(), event("inventory/wdmDropLoss", "47"));
+    EXPECT_EQ(upper.next(), event("inventory/oscAddLoss", "12"));
+    EXPECT_EQ(upper.next(), event("inventory/oscDropLoss", "14"));
+    EXPECT_EQ(upper.next(), event("present", "true"));
+    EXPECT_TRUE(client_of("ppm/1")->get<bool>("present"));
+    EXPECT_EQ(client_of("ppm/1")->get<unsigned>("inventory/wdmAddLoss"), 45U);
+}
+
+TEST_F(CardSimulator, ServesWhatIsReadOfATransceiver) {
+    for (const std::string socket : {"sfp/0", "sfp/1"}) {
+        const auto client = client_of(socket);
+        EXPECT_TRUE(client->get<bool>("present"));
+        EXPECT_EQ(client->get<unsigned>("alarms/transceiverMissing/severity"), 0U);
+        EXPECT_EQ(client->get<float>("data/rxPower"), -8.5f);
+        EXPECT_EQ(client->get<float>("data/txPower"), 1.5f);
+        EXPECT_TRUE(client->get<bool>("data/otdrSupport"));
+        EXPECT_EQ(client->get<std::string>("inventory/productName"), "VLT-SFP-OTDR");
+    }
+}
+
+TEST_F(CardSimulator, PulledTransceiverIsMissedAndHasNoPower) {
+    const auto sim = client_of("sim");
+    const auto port = client_of("sfp/1");
+    sim->set<void>("sim/interface/2/present", false);
+    EXPECT_FALSE(port->get<bool>("present"));
+    EXPECT_EQ(port->get<unsigned>("alarms/transceiverMissing/severity"), 3U);
+    EXPECT_EQ(port->get<float>("data/rxPower"), -99.0f);
+    EXPECT_EQ(port->get<float>("data/txPower"), -99.0f);
+    EXPECT_FALSE(port->get<bool>("data/otdrSupport"));
+    EXPECT_EQ(port->get<std::string>("inventory/productName"), "");
+    EXPECT_TRUE(client_of("sfp/0")->get<bool>("present"));
+
+    sim->set<void>("sim/interface/2/otdrSupport", false);
+    sim->set<void>("sim/interface/2/rxPower", -12.5f);
+    sim->set<void>("sim/interface/2/txPower", 0.5f);
+    EXPECT_EQ(port->get<float>("data/rxPower"), -99.0f);
+    sim->set<void>("sim/interface/2/present", true);
+    EXPECT_TRUE(port->get<bool>("present"));
+    EXPECT_EQ(port->get<unsigned>("alarms/transceiverMissing/severity"), 0U);
+    EXPECT_EQ(port->get<float>("data/rxPower"), -12.5f);
+    EXPECT_EQ(port->get<float>("data/txPower"), 0.5f);
+    EXPECT_FALSE(port->get<bool>("data/otdrSupport"));
+    EXPECT_EQ(port->get<std::string>("inventory/productName"), "VLT-SFP");
+}
+
+TEST_F(CardSimulator, ModuleThatDoesNotExistIsRefused) {
+    const auto sim = client_of("sim");
+    EXPECT_EQ(code_of_write(*sim, "sim/ppm/3/present", true), -2);
+    EXPECT_EQ(code_of_write(*sim, "sim/ppm/0/present", true), -2);
+    EXPECT_EQ(code_of_write(*sim, "sim/interface/3/present", true), -2);
+    EXPECT_EQ(code_of_write(*sim, "sim/ppm/1/present", 1.0), -22);
+    EXPECT_EQ(code_of_write(*sim, "sim/ppm/1/oscAddLoss", -1), -22);
+    EXPECT_EQ(code_of_write(*sim, "sim/interface/1/rxPower", 20.5f), -22);
+    EXPECT_EQ(code_of_write(*sim, "sim/interface/1/txPower", -60.5f), -22);
+}
+
+TEST_F(CardSimulator, ModuleIsPulledWhileItsHandlerIsAway) {
+    const auto sim = client_of("sim");
+    sim->set<void>("sim/handler/ppm/1/running", false);
+    sim->set<void>("sim/ppm/2/present", false);
+    sim->set<void>("sim/handler/ppm/1/running", true);
+    EXPECT_FALSE(client_of("ppm/1")->get<bool>("present"));
+    EXPECT_EQ(client_of("ppm/1")->get<unsigned>("inventory/oscDropLoss"), 0U);
+}
+
+// --- the front panel ---
+
+TEST_F(CardSimulator, LedsAreOffUntilTheyAreSetAndKeepTheirColourOverARestart) {
+    const auto leds = client_of("led_velt");
+    const std::string status = "config/statusLed/status";
+    EXPECT_EQ(leds->get<std::string>(status), "off");
+    leds->set<void>(status, std::string("red"));
+    EXPECT_EQ(leds->get<std::string>(status), "red");
+    EXPECT_EQ(leds->get<std::string>("config/powerLed/status"), "off");
+    EXPECT_TRUE(client_of("sim")->set<bool>("sim/handler/led_velt/restart", true));
+    EXPECT_EQ(client_of("led_velt")->get<std::string>(status), "red");
+}
+
+TEST_F(CardSimulator, LedTakesItsColoursOnly) {
+    const auto leds = client_of("led_velt");
+    for (const std::string led :
+         {"powerLed", "statusLed", "ocmLed/txLed", "ocmLed/rxLed", "edfaLed/txLed", "edfaLed/rxLed",
+          "expressLed/txLed", "expressLed/rxLed"}) {
+        const std::string path = "config/" + led + "/status";
+        for (const std::string colour : {"green", "red", "yellow", "off"}) {
+            leds->set<void>(path, colour);
+            EXPECT_EQ(leds->get<std::string>(path), colour);
+        }
+        EXPECT_EQ(code_of_write(*leds, path, std::string("blue")), -22);
+        EXPECT_EQ(code_of_write(*leds, path, true), -22);
+        EXPECT_EQ(leds->get<std::string>(path), "off");
+    }
+    EXPECT_EQ(code_of_write(*leds, "config/fanLed/status", std::string("green")), -2);
 }
 
 TEST_F(CardSimulator, TimePasses) {

@@ -56,7 +56,8 @@ class HandlerFaults : public test::card_fixture, protected test::wire_lines {
 
 TEST_F(HandlerFaults, EveryHandlerButTheControlTreeItselfHasItsSwitches) {
     for (const std::string handler :
-         {"wss_edge", "booster", "osc1", "osc2", "system_info", "system_start"}) {
+         {"wss_edge", "booster", "osc1", "osc2", "ppm/0", "ppm/1", "sfp/0", "sfp/1", "led_velt",
+          "system_info", "system_start"}) {
         const std::string base = "sim/handler/" + handler;
         EXPECT_TRUE(sim->get<bool>(base + "/running"));
         EXPECT_FALSE(sim->get<bool>(base + "/frozen"));
@@ -393,6 +394,25 @@ TEST_F(FaultScenario, TurnsEverySwitch) {
     EXPECT_EQ(sim->get<std::string>(base + "errorPath"), "a");
     EXPECT_EQ(sim->get<std::string>(base + "wrongTypePath"), "c");
     EXPECT_TRUE(sim->get<bool>("sim/handler/osc2/frozen"));
+}
+
+TEST_F(FaultScenario, PullsAndInsertsModules) {
+    play(R"({"time":0,"action":"pull_module","module":"interface/2"},
+            {"time":0,"action":"pull_module","module":"ppm/1"},
+            {"time":0,"action":"pull_module","module":"ppm/2"},
+            {"time":0,"action":"insert_module","module":"ppm/1"},
+            {"time":0.02,"action":"pull_module","module":"interface/1"},
+            {"time":0.02,"action":"insert_module","module":"interface/2"})");
+    ASSERT_TRUE(eventually([&] {
+        return sim->get<bool>("sim/interface/2/present") &&
+               !sim->get<bool>("sim/interface/1/present");
+    }));
+    EXPECT_TRUE(sim->get<bool>("sim/ppm/1/present"));
+    EXPECT_FALSE(sim->get<bool>("sim/ppm/2/present"));
+    EXPECT_FALSE(client_of("ppm/1")->get<bool>("present"));
+    EXPECT_FALSE(client_of("sfp/0")->get<bool>("present"));
+    EXPECT_THAT(log.texts(), Contains("msg: Scenario: pull_module ppm/2"));
+    EXPECT_THAT(log.texts(), Contains("msg: Scenario: insert_module interface/2"));
 }
 
 TEST_F(FaultScenario, ActionThatFailsIsLoggedAndTheNextOneDone) {

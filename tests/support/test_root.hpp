@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -78,6 +79,13 @@ inline void remove_file(std::string_view absolute) {
 // Makes the host one of the given variant ("velt,t47", "velt,mx47", "velt,k47").
 inline void put_board(std::string_view compatible) {
     put_file("/proc/device-tree/compatible", std::string(compatible) + '\0');
+}
+
+// Whether something is served below the folder of the host.
+inline bool has_sockets(std::string_view absolute) {
+    const std::filesystem::recursive_directory_iterator entries(root() + std::string(absolute));
+    return std::any_of(begin(entries), end(entries),
+                       [](const auto& entry) { return entry.is_socket(); });
 }
 
 // Leaves nothing of a test to the next one.

@@ -38,8 +38,15 @@ struct supervised_handler {
 };
 
 const std::vector<supervised_handler> all_handlers{
-    {"booster", "booster", true}, {"wss_edge", "wss_edge", true},        {"osc1", "osc/1", true},
-    {"osc2", "osc/2", true},      {"system_info", "system info", false},
+    {"booster", "booster", true},
+    {"wss_edge", "wss_edge", true},
+    {"osc1", "osc/1", true},
+    {"osc2", "osc/2", true},
+    {"ppm/0", "ppm/1", true},
+    {"ppm/1", "ppm/2", true},
+    {"sfp/0", "interface/1", true},
+    {"sfp/1", "interface/2", true},
+    {"system_info", "system info", false},
 };
 
 unsigned restarts_of_each() {

@@ -1,5 +1,6 @@
 #include "scenario.hpp"
 #include "card_kind.hpp"
+#include "pluggable_modules.hpp"
 
 #include "log_capture.hpp"
 
@@ -358,6 +359,44 @@ TEST_F(Player, ChangesStayWithinWhatExists) {
     EXPECT_EQ(controls.channels[48].launch_power, launch_power_range.high);
 }
 
+TEST(ModuleActions, NameTheModuleAndWhatHappensToIt) {
+    const scenario parsed = parse_scenario(R"({"actions":[
+        {"time":9,"action":"insert_module","module":"interface/2"},
+        {"time":1,"action":"pull_module","module":"ppm/1"},
+        {"time":2,"action":"pull_module","module":"ppm/2"},
+        {"time":3,"action":"insert_module","module":"interface/1"}]})");
+    ASSERT_EQ(parsed.on_modules.size(), 4U);
+    std::vector<std::string> modules;
+    std::vector<bool> inserted;
+    for (const auto& [time, name, action] : parsed.on_modules) {
+        modules.push_back(name + ' ' + module_names.at(action.module));
+        inserted.push_back(action.inserted);
+    }
+    EXPECT_EQ(modules,
+              (std::vector<std::string>{"pull_module ppm/1", "pull_module ppm/2",
+                                        "insert_module interface/1", "insert_module interface/2"}));
+    EXPECT_EQ(inserted, (std::vector<bool>{false, false, true, true}));
+}
+
+TEST(ModuleActions, OnWhatIsNoModuleAreRefused) {
+    const auto refusal = [](const std::string& members) -> std::string {
+        try {
+            parse_scenario(R"({"actions":[{"time":1,)" + members + "}]}");
+        } catch (const scenario_error& error) {
+            return error.what();
+        }
+        return "";
+    };
+    EXPECT_EQ(refusal(R"("action":"pull_module","module":"ppm/0")"),
+              "actions[0]: there is no module \"ppm/0\"; there are: ppm/1, ppm/2, interface/1, "
+              "interface/2");
+    EXPECT_EQ(refusal(R"("action":"pull_module")"), "actions[0]: \"module\" is missing");
+    EXPECT_EQ(refusal(R"("action":"insert_module","module":1)"),
+              "actions[0]: \"module\" is no text");
+    EXPECT_EQ(refusal(R"("action":"insert_module","module":"ppm/1","handler":"ppm/0")"),
+              "actions[0]: has no use for \"handler\"");
+}
+
 TEST(ExampleScenarios, AllParse) {
     const auto t47_handlers = handler_names(*find_card_kind("t47"));
     unsigned found = 0;
@@ -365,7 +404,7 @@ TEST(ExampleScenarios, AllParse) {
         EXPECT_NO_THROW(load_scenario(file.path().string(), t47_handlers)) << file.path();
         ++found;
     }
-    EXPECT_GE(found, 4U);
+    EXPECT_GE(found, 5U);
 }
 
 }  // namespace
