@@ -10,9 +10,12 @@ namespace simulator {
 namespace {
 
 card_models make_models(const card_kind& kind, card_options& options) {
-    if (options.fed_by)
-        return card_models(std::make_shared<distant_booster>(*options.fed_by));
-    return card_models(options.seed, std::move(options.actions.on_plant), kind.port, kind.eq_port);
+    card_models models = options.fed_by
+                             ? card_models(std::make_shared<distant_booster>(*options.fed_by))
+                             : card_models(options.seed, std::move(options.actions.on_plant),
+                                           kind.port, kind.eq_port);
+    models.light_line(options.line_to);
+    return models;
 }
 
 std::vector<std::shared_ptr<fallible_handler>> serve(const card_kind& kind,

@@ -23,6 +23,8 @@ struct card_options {
     // The root, below VELT_ROOT, of the simulated card whose EQ port feeds an
     // amplifier card; that has no light of its own then.
     std::optional<std::string> fed_by = {};
+    // The root, below VELT_ROOT, of the simulated card at the far end of the line.
+    std::optional<std::string> line_to = {};
 };
 
 // All handlers are served from the constructor on, until the destructor, which

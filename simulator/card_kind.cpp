@@ -28,7 +28,7 @@ std::vector<handler_plan> with_common_handlers(const card_kind& kind, const card
     for (std::size_t i = 0; i < models.ppm.size(); ++i)
         plans.push_back(ppm_handler(fmt::format("ppm/{}", i), models.ppm[i]));
     for (std::size_t i = 0; i < models.sfp.size(); ++i)
-        plans.push_back(sfp_handler(fmt::format("sfp/{}", i), models.sfp[i]));
+        plans.push_back(sfp_handler(fmt::format("sfp/{}", i), models.sfp[i], models.otdr[i]));
     plans.push_back(led_handler(models.panel));
     return plans;
 }

@@ -5,13 +5,16 @@
 #include "front_panel.hpp"
 #include "light_path.hpp"
 #include "osc_link.hpp"
+#include "otdr_unit.hpp"
 #include "pluggable_modules.hpp"
+#include "supervisory_line.hpp"
 #include "system_handlers.hpp"
 
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -42,7 +45,19 @@ struct card_models {
                                                 std::make_shared<ppm_bay>()};
     std::array<std::shared_ptr<sfp_bay>, 2> sfp{std::make_shared<sfp_bay>(),
                                                 std::make_shared<sfp_bay>()};
+    // The fibre that leads to "osc2" and "sfp/1", and what measures it from there;
+    // null where nobody is served.
+    std::shared_ptr<supervisory_line> line;
+    std::array<std::shared_ptr<otdr_unit>, 2> otdr;
     std::shared_ptr<front_panel> panel = std::make_shared<front_panel>();
+
+    // Lets light into the line; from the card at that root, or from a far end
+    // that always sends.
+    void light_line(const std::optional<std::string>& far_root) {
+        line = std::make_shared<supervisory_line>(osc[1], sfp[1], far_root);
+        otdr = {std::make_shared<otdr_unit>(sfp[0], nullptr),
+                std::make_shared<otdr_unit>(sfp[1], line)};
+    }
 
     // Numbered as the module_names.
     std::shared_ptr<module_bay> bay(std::size_t module) const {

@@ -101,6 +101,33 @@ void publish_sfp(dh_db& db, const std::shared_ptr<sfp_bay>& bay, std::size_t num
     otdr_support::create(db, base + "otdrSupport", bay);
 }
 
+void publish_otdr(dh_db& db, const std::shared_ptr<otdr_unit>& otdr, std::size_t number) {
+    using measuring_time =
+        control_value<&otdr_unit::measuring_time, &otdr_unit::set_measuring_time>;
+    using failing = control_value<&otdr_unit::failing, &otdr_unit::set_failing>;
+    const std::string base = fmt::format("sim/interface/{}/otdr/", number);
+    measuring_time::create(db, base + "measuringTime", otdr);
+    failing::create(db, base + "failing", otdr);
+}
+
+void publish_line(dh_db& db, const std::shared_ptr<supervisory_line>& line) {
+    using self = supervisory_line;
+    using fibre_loss = control_value<&self::fibre_loss, &self::set_fibre_loss>;
+    using connector_loss = control_value<&self::connector_loss, &self::set_connector_loss>;
+    using far_power = control_value<&self::far_power, &self::set_far_power>;
+    using intact = control_value<&self::intact, &self::set_intact>;
+    using cut_distance = control_value<&self::cut_distance, &self::set_cut_distance>;
+    using reflectors = control_value<&self::reflectors, &self::set_reflectors>;
+    const std::string base = "sim/line/";
+    fibre_loss::create(db, base + "fibreLoss", line);
+    connector_loss::create(db, base + "connectorLoss", line);
+    far_power::create(db, base + "farPower", line);
+    intact::create(db, base + "intact", line);
+    cut_distance::create(db, base + "cutDistance", line);
+    reflectors::create(db, base + "reflectors", line);
+    volatile_value<&self::sent_power>::create(db, base + "sentPower", line);
+}
+
 void publish_handler(dh_db& db, const std::shared_ptr<fallible_handler>& handler) {
     using running = control_value<&fallible_handler::running, &fallible_handler::set_running>;
     using frozen = control_value<&fallible_handler::frozen, &fallible_handler::set_frozen>;
@@ -143,6 +170,9 @@ handler_plan control_handler(card_models models,
             publish_ppm(db, models.ppm[index], index + 1);
         for (std::size_t index = 0; index < models.sfp.size(); ++index)
             publish_sfp(db, models.sfp[index], index + 1);
+        for (std::size_t index = 0; index < models.otdr.size(); ++index)
+            publish_otdr(db, models.otdr[index], index + 1);
+        publish_line(db, models.line);
         for (const auto& handler : handlers)
             publish_handler(db, handler);
         control_value<&start_state::cold, &start_state::set_cold>::create(db, "sim/systemColdstart",

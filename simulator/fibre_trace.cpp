@@ -1,7 +1,5 @@
 #include "fibre_trace.hpp"
 
-#include "optical_plant.hpp"
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -14,7 +12,6 @@
 namespace simulator {
 namespace {
 
-constexpr range distance_range{0.0, 1'000'000.0};
 constexpr range reflectance_range{-100.0, 0.0};
 constexpr std::size_t max_reflectors = 64;
 
@@ -68,7 +65,7 @@ std::vector<reflector> parse_reflectors(const std::string& text) {
         if (found.size() == max_reflectors)
             throw std::invalid_argument("too many reflectors");
         const std::string_view view = word;
-        found.push_back({number(view.substr(0, colon), distance_range),
+        found.push_back({number(view.substr(0, colon), line_distance_range),
                          number(view.substr(colon + 1), reflectance_range)});
     }
     std::stable_sort(found.begin(), found.end(), [](const reflector& a, const reflector& b) {

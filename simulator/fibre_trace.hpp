@@ -2,10 +2,15 @@
 // it. Plain functions of their arguments.
 #pragma once
 
+#include "optical_plant.hpp"
+
 #include <string>
 #include <vector>
 
 namespace simulator {
+
+inline constexpr range line_distance_range{0.0, 1'000'000.0};  // m
+inline constexpr range line_loss_range{0.0, 60.0};             // dB
 
 // A connector, a splice or a break.
 struct reflector {

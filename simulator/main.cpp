@@ -29,6 +29,7 @@ struct command_line {
     std::string root;
     std::string interface;
     std::optional<std::string> fed_by;
+    std::optional<std::string> line_to;
     std::uint64_t seed = 1;
 };
 
@@ -38,7 +39,7 @@ options::options_description describe(command_line& into) {
     add("help", options::bool_switch(&into.help), "print this text");
     add("card", options::value(&into.card), "the card to simulate: t47, mx47 or k47");
     add("scenario", options::value(&into.scenario_file),
-        "JSON file of what happens to the light, the handlers and the modules");
+        "JSON file of what happens to the light, the line, the handlers and the modules");
     add("root", options::value(&into.root)->default_value(host::environment("VELT_ROOT", "")),
         "prefix of all paths");
     add("ipv6", options::value(&into.interface),
@@ -47,6 +48,10 @@ options::options_description describe(command_line& into) {
         into.fed_by = root;
     }),
         "of a k47: root, below VELT_ROOT, of the mx47 whose EQ port feeds the booster");
+    add("line-to", options::value<std::string>()->notifier([&into](const std::string& root) {
+        into.line_to = root;
+    }),
+        "root, below VELT_ROOT, of the simulated card at the far end of the line");
     add("seed", options::value(&into.seed)->default_value(into.seed),
         "of launch powers, ripple and noise");
     return described;
@@ -77,7 +82,8 @@ void serve(const simulator::card_kind& kind, const command_line& arguments,
                                       .seed = arguments.seed,
                                       .actions = std::move(actions),
                                       .interface = arguments.interface,
-                                      .fed_by = arguments.fed_by});
+                                      .fed_by = arguments.fed_by,
+                                      .line_to = arguments.line_to});
     MSG_LOG("simulator", msg_log::progress)
         << "msg: Card " << arguments.card << " is served, root: \"" << arguments.root
         << "\", seed: " << arguments.seed;

@@ -37,7 +37,7 @@ class osc_nodes final : public display<osc_state> {
         length_->push(now.length);
         dispersion_->push(now.dispersion);
         state_->set(now.state);
-        link_status_->set(now.link_status);
+        link_status_->set(now.lit ? now.link_status : "down");
     }
 
   private:

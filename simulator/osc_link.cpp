@@ -46,4 +46,9 @@ void osc_link::set_neighbour(const std::string& neighbour) {
     change(&osc_state::neighbour, neighbour);
 }
 
+void osc_link::set_lit(bool lit) {
+    if (get(&osc_state::lit) != lit)
+        change(&osc_state::lit, lit);
+}
+
 }  // namespace simulator

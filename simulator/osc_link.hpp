@@ -20,6 +20,8 @@ struct osc_state {
     // The far end's IPv6 address, "%", and the interface that leads there; empty
     // as long as none is known.
     std::string neighbour;
+    // Whether light comes in; without it the link is down, whatever its status.
+    bool lit = true;
 };
 
 // Any thread may call any member. A value out of its range is dh_error -22.
@@ -35,6 +37,7 @@ class osc_link : public displayed_state<osc_state> {
     void set_dispersion(float);
     std::string neighbour() const;
     void set_neighbour(const std::string&);
+    void set_lit(bool);
 };
 
 }  // namespace simulator

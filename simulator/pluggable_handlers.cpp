@@ -1,7 +1,11 @@
 #include "pluggable_handlers.hpp"
 
+#include "command.hpp"
 #include "filtered_value.hpp"
 #include "status_value.hpp"
+#include "volatile_value.hpp"
+
+#include <fmt/format.h>
 
 #include <utility>
 
@@ -11,6 +15,7 @@ namespace {
 using dh::api::hysteresis_filtered_value;
 using dh::api::pushed_volatile_value_impl;
 using dh::api::status_value;
+using dh::api::volatile_value;
 
 using flag_value = status_value<bool>;
 using count_value = status_value<unsigned int>;
@@ -83,6 +88,14 @@ class sfp_nodes final : public display<transceiver> {
     const std::shared_ptr<text_value> product_name_;
 };
 
+void publish_otdr(dh_db& db, const std::shared_ptr<otdr_unit>& otdr) {
+    dh::api::command<&otdr_unit::measure>::create(db, "command/measureOtdr", otdr);
+    volatile_value<&otdr_unit::detected>::create(db, "data/reflectionsDetected", otdr);
+    for (unsigned number = 1; number <= max_reported_reflections; ++number)
+        volatile_value<&otdr_unit::distance>::create(
+            db, fmt::format("data/reflection/{}/distance", number), otdr, number);
+}
+
 }  // namespace
 
 handler_plan ppm_handler(const std::string& name, std::shared_ptr<ppm_bay> bay) {
@@ -91,8 +104,11 @@ handler_plan ppm_handler(const std::string& name, std::shared_ptr<ppm_bay> bay) 
             }};
 }
 
-handler_plan sfp_handler(const std::string& name, std::shared_ptr<sfp_bay> bay) {
-    return {name, name, [bay = std::move(bay)](dh_db& db, dh::api::value_group&) {
+handler_plan sfp_handler(const std::string& name, std::shared_ptr<sfp_bay> bay,
+                         std::shared_ptr<otdr_unit> otdr) {
+    return {name, name,
+            [bay = std::move(bay), otdr = std::move(otdr)](dh_db& db, dh::api::value_group&) {
+                publish_otdr(db, otdr);
                 return std::make_shared<sfp_nodes>(db, bay);
             }};
 }

@@ -38,8 +38,18 @@
 //
 // `module` is "ppm/1" or "ppm/2", a passive module, or "interface/1" or
 // "interface/2", a transceiver.
+//
+// and for the fibre of the supervisory channel:
+//
+//     cut_line, repair_line         distance (m); -
+//     set_line_loss                 loss
+//     set_reflectors                reflectors
+//
+// `reflectors` is what a pulse meets, as "DISTANCE:REFLECTANCE" in m and dB,
+// separated by blanks: "400:-45 5200:-14".
 #pragma once
 
+#include "fibre_trace.hpp"
 #include "handler_faults.hpp"
 #include "optical_plant.hpp"
 
@@ -111,6 +121,19 @@ struct module_action {
     bool inserted;
 };
 
+struct line_cut {
+    double distance;  // m
+};
+struct line_repair {};
+struct line_loss {
+    double loss;  // of the fibre, dB
+};
+struct line_reflectors {
+    std::vector<reflector> reflectors;
+};
+
+using line_action = std::variant<line_cut, line_repair, line_loss, line_reflectors>;
+
 template <class Action>
 struct timed {
     double time;  // seconds since the start
@@ -120,12 +143,14 @@ struct timed {
 using timed_plant_action = timed<plant_action>;
 using timed_handler_action = timed<handler_action>;
 using timed_module_action = timed<module_action>;
+using timed_line_action = timed<line_action>;
 
 // Each list in the order of time; actions of one time in the order of the file.
 struct scenario {
     std::vector<timed_plant_action> on_plant;
     std::vector<timed_handler_action> on_handlers;
     std::vector<timed_module_action> on_modules;
+    std::vector<timed_line_action> on_line;
 };
 
 // A file that is no scenario. The text names the entry that is wrong.

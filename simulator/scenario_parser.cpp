@@ -16,6 +16,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -245,6 +246,36 @@ std::optional<module_action> parse_module_action(const entry& from) {
     return module_action{parse_module(from), name == "insert_module"};
 }
 
+std::vector<reflector> parse_reflector_list(const entry& from) {
+    try {
+        return parse_reflectors(json::to<std::string>(from.text("reflectors")));
+    } catch (const std::invalid_argument& error) {
+        from.fail(fmt::format("\"reflectors\" is wrong: {}", error.what()));
+    }
+}
+
+// Nothing where there is no such action on the line.
+std::optional<line_action> parse_line_action(const entry& from) {
+    const json::value& name = from.text("action");
+    if (name == "cut_line") {
+        from.allow_members({"time", "action", "distance"});
+        return line_cut{from.number("distance", line_distance_range)};
+    }
+    if (name == "repair_line") {
+        from.allow_members({"time", "action"});
+        return line_repair{};
+    }
+    if (name == "set_line_loss") {
+        from.allow_members({"time", "action", "loss"});
+        return line_loss{from.number("loss", line_loss_range)};
+    }
+    if (name == "set_reflectors") {
+        from.allow_members({"time", "action", "reflectors"});
+        return line_reflectors{parse_reflector_list(from)};
+    }
+    return std::nullopt;
+}
+
 void parse_action(const entry& from, const std::vector<std::string>& handlers, scenario& into) {
     const double time = from.number("time", scenario_time_range);
     const json::value& name = from.text("action");
@@ -254,6 +285,8 @@ void parse_action(const entry& from, const std::vector<std::string>& handlers, s
         into.on_handlers.push_back({time, name.GetString(), std::move(*on_handler)});
     else if (const auto on_module = parse_module_action(from))
         into.on_modules.push_back({time, name.GetString(), *on_module});
+    else if (auto on_line = parse_line_action(from))
+        into.on_line.push_back({time, name.GetString(), std::move(*on_line)});
     else
         from.fail("there is no action " + quoted(name));
 }
@@ -305,6 +338,7 @@ scenario parse_scenario(std::string_view text, const std::vector<std::string>& h
     sort_by_time(result.on_plant);
     sort_by_time(result.on_handlers);
     sort_by_time(result.on_modules);
+    sort_by_time(result.on_line);
     return result;
 }
 

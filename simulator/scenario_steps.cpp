@@ -29,6 +29,23 @@ void carry_out_on(fallible_handler& handler, const handler_action& action) {
     }
 }
 
+void carry_out_on(supervisory_line& line, const line_cut& action) {
+    line.set_cut_distance(static_cast<float>(action.distance));
+    line.set_intact(false);
+}
+
+void carry_out_on(supervisory_line& line, const line_repair&) {
+    line.set_intact(true);
+}
+
+void carry_out_on(supervisory_line& line, const line_loss& action) {
+    line.set_fibre_loss(static_cast<float>(action.loss));
+}
+
+void carry_out_on(supervisory_line& line, const line_reflectors& action) {
+    line.set_reflectors(text_of(action.reflectors));
+}
+
 }  // namespace
 
 std::vector<timed_step> steps_of(const scenario& actions,
@@ -46,6 +63,10 @@ std::vector<timed_step> steps_of(const scenario& actions,
         steps.push_back({time, name + ' ' + module_names.at(action.module),
                          [bay = models.bay(action.module), inserted = action.inserted] {
                              bay->set_present(inserted);
+                         }});
+    for (const auto& [time, name, on_line] : actions.on_line)
+        steps.push_back({time, name, [line = models.line, action = on_line] {
+                             std::visit([&](const auto& one) { carry_out_on(*line, one); }, action);
                          }});
     return steps;
 }

@@ -5,6 +5,7 @@
 #include "device_handler_client.hpp"
 #include "eventually.hpp"
 #include "process.hpp"
+#include "process_holdings.hpp"
 #include "test_root.hpp"
 #include "tree_access.hpp"
 
@@ -14,8 +15,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -26,6 +25,8 @@
 #include <vector>
 
 using test::eventually;
+using test::holdings;
+using test::holdings_of;
 using test::paths_under;
 using test::values_under;
 
@@ -51,29 +52,6 @@ const std::vector<supervised_handler> all_handlers{
 
 unsigned restarts_of_each() {
     return static_cast<unsigned>(std::stoul(host::environment("VELT_HANDLER_RESTARTS", "5")));
-}
-
-// What a process holds, as the kernel counts it.
-struct holdings {
-    std::size_t descriptors;
-    std::size_t threads;
-    std::size_t resident_kb;
-};
-
-std::size_t entries_of(const std::filesystem::path& folder) {
-    const std::filesystem::directory_iterator entries(folder);
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
-
-holdings holdings_of(pid_t process) {
-    const std::filesystem::path folder = "/proc/" + std::to_string(process);
-    holdings found{entries_of(folder / "fd"), entries_of(folder / "task"), 0};
-    std::ifstream status(folder / "status");
-    for (std::string word; status >> word;) {
-        if (word == "VmRSS:")
-            status >> found.resident_kb;
-    }
-    return found;
 }
 
 std::shared_ptr<device_handler_client> client_of(const std::string& path) {
