@@ -73,6 +73,7 @@ void traffic_manager_velt::start_modules() {
         MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting controlloop.";
         start_control_loop();
     }
+    start_leds();
     MSG_LOG(startup_channel, msg_log::progress) << "msg: Starting Cloopl";
     start_cloopl();
     start_otdr();
@@ -143,6 +144,11 @@ void traffic_manager_velt::start_control_loop() {
     control_loop_ =
         control_loop_main::create(proxy_, listener_, wss_edge_->client(), booster_->client());
     control_loop_->create_paths();
+}
+
+void traffic_manager_velt::start_leds() {
+    led_ = led::create(proxy_);
+    led_->start();
 }
 
 void traffic_manager_velt::start_cloopl() {

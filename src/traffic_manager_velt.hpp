@@ -6,6 +6,7 @@
 #include "cloopl.hpp"
 #include "control_loop.hpp"
 #include "dh_proxy.hpp"
+#include "led.hpp"
 #include "osc.hpp"
 #include "otdr.hpp"
 #include "ppm.hpp"
@@ -47,6 +48,7 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     void start_wss_edge();
     void start_osc();
     void start_control_loop();
+    void start_leds();
     void start_cloopl();
     void start_otdr();
 
@@ -78,6 +80,7 @@ class traffic_manager_velt : public std::enable_shared_from_this<traffic_manager
     std::shared_ptr<dh::util::proxy> proxy_;
     std::shared_ptr<connection_listener> listener_;
     std::array<std::shared_ptr<ppm_slot>, 2> ppm_slots_;
+    std::shared_ptr<led> led_;
     std::shared_ptr<booster> booster_;
     std::shared_ptr<wss_edge> wss_edge_;
     std::array<std::shared_ptr<sfp_interface>, 2> sfp_interfaces_;

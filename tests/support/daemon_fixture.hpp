@@ -24,11 +24,18 @@ class daemon_fixture : public testing::Test {
   protected:
     static inline const std::string daemon_program = VELT_BIN_DIR "/traffic_manager";
 
-    daemon_fixture() { empty_root(); }
+    daemon_fixture() { begin_with_empty_root(); }
 
     ~daemon_fixture() override {
         if (HasFailure() && process_)
             std::cout << process_->standard_error();
+    }
+
+    // Leaves nothing but the LED handler, without which no daemon lives for long.
+    void begin_with_empty_root() {
+        process_.reset();
+        empty_root();
+        led_velt_.emplace("/tmp/device_handlers/led_velt");
     }
 
     // Ends the one before, if it runs, without a warning.
@@ -49,6 +56,7 @@ class daemon_fixture : public testing::Test {
         booster_.emplace("/tmp/device_handlers/booster");
         booster_->set("data/configStatus", true);
         booster_->set("data/enable", false);
+        booster_->set("data/rx/losPin", true);
         for (const unsigned number : {0U, 1U}) {
             oscs_[number].emplace("/tmp/device_handlers/osc" + std::to_string(number + 1));
             oscs_[number]->set("data/configStatus", true);
@@ -104,6 +112,7 @@ class daemon_fixture : public testing::Test {
     }
 
     std::string log_level_ = "6";
+    std::optional<scripted_handler> led_velt_;
     std::optional<scripted_handler> wss_;
     std::optional<scripted_handler> booster_;
     std::array<std::optional<scripted_handler>, 2> oscs_;

@@ -211,6 +211,42 @@ TEST_F(Daemon, StartStateThatCannotBeReadEndsTheProcessAndIsNamed) {
                 HasSubstr("dh_client_exception -2: No such path: data/systemColdstart ["));
 }
 
+TEST_F(Daemon, ShowsAtTheFrontPanelThatItRunsAndWhatTheBoosterDoes) {
+    become_ready_k47();
+    start({}, "20");
+    const auto shows = [this](const std::string& led, const std::string& colour) {
+        return led_velt_->json_of("config/" + led + "/status") == '"' + colour + '"';
+    };
+    EXPECT_TRUE(eventually([&] { return shows("powerLed", "green"); }));
+    EXPECT_TRUE(eventually([&] { return shows("statusLed", "green"); }));
+    EXPECT_TRUE(eventually([&] { return shows("edfaLed/txLed", "off"); }));
+    EXPECT_TRUE(eventually([&] { return shows("edfaLed/rxLed", "off"); }));
+    booster_->set("data/enable", true);
+    booster_->set("data/rx/losPin", false);
+    for (const char* led : {"edfaLed/txLed", "edfaLed/rxLed", "ocmLed/txLed"})
+        EXPECT_TRUE(eventually([&] { return shows(led, "green"); })) << led;
+}
+
+TEST_F(Daemon, WaitsForALateLedHandler) {
+    led_velt_.reset();
+    become_ready_k47();
+    start();
+    ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
+    led_velt_.emplace("/tmp/device_handlers/led_velt");
+    EXPECT_TRUE(eventually([this] { return led_velt_->requests().size() >= 2; }));
+    EXPECT_EQ(led_velt_->requests()[0], R"(write config/powerLed/status="green")");
+    EXPECT_EQ(led_velt_->requests()[1], R"(write config/statusLed/status="green")");
+    EXPECT_FALSE(process_->has_ended());
+}
+
+TEST_F(Daemon, LedHandlerThatStaysAwayEndsTheProcessAndIsNamed) {
+    led_velt_.reset();
+    become_ready_k47();
+    start();
+    EXPECT_EQ(process_->end(), test::ended_by_signal(SIGABRT));
+    EXPECT_THAT(process_->standard_error(), HasSubstr("dh_client_exception 107: not connected ["));
+}
+
 TEST_F(Daemon, ReplacesTheSocketOfOneThatWasKilled) {
     test::put_board("velt,k47");
     start();

@@ -253,9 +253,8 @@ TEST_F(PublishedTree, OfAnAmplifierCardIsThatOfThePage) {
 // stands in the file then, and no other.
 TEST_F(PublishedTree, SettingsThatThePageCallsSavedAreAndNoOthers) {
     for (const std::string card : {"t47", "mx47"}) {
-        test::empty_root();
+        begin_with_empty_root();
         test::put_file("/var/persistent/etc/traffic-manager.conf", "");
-        process_.reset();
         start_card(card);
         const auto management = management_client();
         const placeholders first_channel{{"{c}", {"1"}}, {"{p}", numbers(2)}};
