@@ -19,6 +19,7 @@ namespace tmctl {
 namespace {
 
 constexpr const char* server_socket = "/tmp/device_managers/traffic_manager";
+constexpr const char* led_socket = "/tmp/device_handlers/led_velt";
 constexpr const char* wss_edge_socket = "/tmp/device_handlers/wss_edge";
 constexpr unsigned default_port = 5100;
 constexpr unsigned highest_port = 65535;
@@ -44,6 +45,7 @@ constexpr std::array command_forms{
     command_form{
         "channels", 0, any,
         " --live --interval --until --quiet --time-limit --summary --wss-socket --wss-port "},
+    command_form{"panel", 0, 0, " --live --interval "},
 };
 
 const command_form& form_of(const std::string& command) {
@@ -190,6 +192,8 @@ class parser {
             throw usage_error{"--live does not go with --json"};
         if (!socket_.empty() && !host_.empty())
             throw usage_error{"--socket does not go with --host"};
+        if (found_.command == "panel" && !host_.empty())
+            throw usage_error{"--host does not go with panel"};
         if (port_ && host_.empty())
             throw usage_error{"--port needs --host"};
     }
@@ -208,7 +212,8 @@ class parser {
         if (!host_.empty()) {
             found_.server = {.host = host_, .port = port_.value_or(default_port)};
         } else {
-            found_.server = {.socket = socket_place(socket_.empty() ? server_socket : socket_)};
+            const std::string usual = found_.command == "panel" ? led_socket : server_socket;
+            found_.server = {.socket = socket_place(socket_.empty() ? usual : socket_)};
             wss_socket_ = wss_socket_.empty() ? wss_edge_socket : wss_socket_;
         }
         if (!wss_socket_.empty())
@@ -278,20 +283,24 @@ commands
                                marked, with what has changed since the reference point
   otdr save N                  makes measurement N the reference point
   otdr delete N|ref            forgets measurement N, or the reference point
+  panel                        the front panel with its LEDs
 
 options
   --socket PATH                the server's unix socket
-                               (/tmp/device_managers/traffic_manager)
+                               (/tmp/device_managers/traffic_manager; of panel that of the
+                               LED handler, /tmp/device_handlers/led_velt)
   --host ADDR [--port N]       a server on another card: IPv6 address, with %SCOPE where
                                it is link-local; port 5100
   --json                       one JSON text a line, for programs
   --string                     set, run: VALUE is text, also where it looks like JSON
   --                           all that follows are words, no options
 
+options of channels and panel
+  --live                       keeps the picture up to date, until interrupted
+  --interval SECONDS           pause between two pictures of --live (1)
+
 options of channels
   --wss-port N                 of a card with two WSS ports: those of port 1 or 2
-  --live                       keeps the table up to date, until interrupted
-  --interval SECONDS           pause between two tables of --live (1)
   --until WHAT                 waits until every channel that was named is WHAT: "settled",
                                or a state (blocked, untended, dark, parked, regulating,
                                fine); without names until every lit channel is. Then a
@@ -303,7 +312,8 @@ options of channels
   --wss-socket PATH            the WSS handler's unix socket, for the attenuations
                                (/tmp/device_handlers/wss_edge)
 
-Absolute socket paths are under VELT_ROOT. The times of --quiet and --time-limit run
+The panel is coloured on a terminal, but where NO_COLOR is set. Absolute socket
+paths are under VELT_ROOT. The times of --quiet and --time-limit run
 VELT_TIME_SCALE times as fast.
 
 exit status: 0; 1 something was refused or failed; 2 this usage; 3 not connected

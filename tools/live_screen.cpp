@@ -3,6 +3,7 @@
 #include "value_text.hpp"
 
 #include <algorithm>
+#include <utility>
 
 namespace tmctl {
 namespace {
@@ -24,7 +25,8 @@ std::vector<std::string> fitted(std::vector<std::string> lines, std::size_t room
 
 }  // namespace
 
-live_screen::live_screen(const surroundings& around) : around_(around) {
+live_screen::live_screen(const surroundings& around, paint lines)
+    : around_(around), paint_(std::move(lines)) {
     if (around_.terminal)
         around_.out << hide_cursor << std::flush;
 }
@@ -51,8 +53,10 @@ void live_screen::redraw(const std::vector<std::string>& lines) {
     if (drawn_ > 0)
         around_.out << "\r\x1b[" << std::min(drawn_, room) << 'A';
     const std::vector<std::string> picture = fitted(lines, room);
-    for (const std::string& line : picture)
-        around_.out << cut(line, columns) << erase_rest_of_line << '\n';
+    for (const std::string& line : picture) {
+        const std::string shown = cut(line, columns);
+        around_.out << (paint_ ? paint_(shown) : shown) << erase_rest_of_line << '\n';
+    }
     drawn_ = picture.size();
     around_.out << erase_rest_of_screen;
 }

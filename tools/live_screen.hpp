@@ -4,6 +4,7 @@
 #include "surroundings.hpp"
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,10 @@ namespace tmctl {
 // pictures simply follow each other.
 class live_screen {
   public:
-    explicit live_screen(const surroundings&);
+    // Gives a line its colours, after it was cut to the terminal's width.
+    using paint = std::function<std::string(std::string line)>;
+
+    explicit live_screen(const surroundings&, paint = {});
     ~live_screen();
     live_screen(const live_screen&) = delete;
     live_screen& operator=(const live_screen&) = delete;
@@ -25,6 +29,7 @@ class live_screen {
     void redraw(const std::vector<std::string>& lines);
 
     const surroundings& around_;
+    const paint paint_;
     std::size_t drawn_ = 0;  // lines of the picture that stands on the terminal
 };
 

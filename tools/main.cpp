@@ -1,5 +1,7 @@
 #include "tmctl.hpp"
 
+#include "host.hpp"
+
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -31,8 +33,10 @@ tmctl::terminal_size size_of_terminal() {
 
 int main(int argc, char** argv) {
     tmctl::surroundings around{.out = std::cout, .err = std::cerr, .interrupt = stop_signals()};
-    if (isatty(STDOUT_FILENO) != 0)
+    if (isatty(STDOUT_FILENO) != 0) {
         around.terminal = size_of_terminal;
+        around.has_colours = host::environment("NO_COLOR", "").empty();
+    }
     const int status = tmctl::run({argv + 1, argv + argc}, around);
     std::cout.flush();
     if (std::cout)

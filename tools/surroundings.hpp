@@ -15,6 +15,7 @@ struct surroundings {
     std::ostream& out;
     std::ostream& err;
     int interrupt = -1;                         // becomes readable when the user wants to stop
+    bool has_colours = false;                   // whether `out` shows them
     std::function<terminal_size()> terminal{};  // empty where `out` is no terminal
 };
 

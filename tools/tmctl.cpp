@@ -4,6 +4,7 @@
 #include "channels_command.hpp"
 #include "node_commands.hpp"
 #include "otdr_command.hpp"
+#include "panel_command.hpp"
 #include "value_text.hpp"
 #include "watch_command.hpp"
 
@@ -18,7 +19,7 @@ const std::map<std::string, command>& commands() {
     static const std::map<std::string, command> table{
         {"get", get},           {"set", set},   {"run", run_node},    {"watch", watch},
         {"ls", list},           {"info", info}, {"history", history}, {"version", version},
-        {"channels", channels}, {"otdr", otdr}};
+        {"channels", channels}, {"otdr", otdr}, {"panel", panel}};
     return table;
 }
 

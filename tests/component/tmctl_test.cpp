@@ -1,8 +1,6 @@
 // The tool as a whole against real sockets: a handler of the server library,
 // and servers that do not keep to the protocol.
 
-#include "tmctl.hpp"
-
 #include "command.hpp"
 #include "config_param.hpp"
 #include "const_value.hpp"
@@ -11,6 +9,7 @@
 #include "host.hpp"
 #include "line_server.hpp"
 #include "status_value.hpp"
+#include "tmctl_runs.hpp"
 #include "wire.hpp"
 
 #include <gmock/gmock.h>
@@ -30,6 +29,9 @@
 namespace {
 
 namespace exit_status = tmctl::exit_status;
+using test::outcome;
+using test::run;
+using test::running_tool;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -54,85 +56,6 @@ class scratch_folder {
   private:
     char name_[17] = "/tmp/tmctlXXXXXX";
 };
-
-// A stream that one thread writes and others look at.
-class shared_text : public std::stringbuf {
-  public:
-    std::string text() const {
-        const std::lock_guard lock(mutex_);
-        return text_;
-    }
-
-  protected:
-    std::streamsize xsputn(const char* data, std::streamsize size) override {
-        const std::lock_guard lock(mutex_);
-        text_.append(data, static_cast<std::size_t>(size));
-        return size;
-    }
-    int_type overflow(int_type letter) override {
-        const char text = traits_type::to_char_type(letter);
-        xsputn(&text, 1);
-        return letter;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::string text_;
-};
-
-// The tool, running in a thread of its own until it ends or is interrupted.
-class running_tool {
-  public:
-    explicit running_tool(std::vector<std::string> words) {
-        if (pipe(interrupt_) != 0)
-            throw std::runtime_error("no pipe");
-        thread_ = std::thread([this, words = std::move(words)] {
-            std::ostream out(&out_);
-            std::ostream err(&err_);
-            status_ = tmctl::run(words, {.out = out, .err = err, .interrupt = interrupt_[0]});
-        });
-    }
-    ~running_tool() {
-        interrupt();
-        join();
-        close(interrupt_[0]);
-        close(interrupt_[1]);
-    }
-    running_tool(const running_tool&) = delete;
-    running_tool& operator=(const running_tool&) = delete;
-
-    bool shows(const std::string& text) const {
-        return test::eventually([&] { return out_.text().find(text) != std::string::npos; });
-    }
-    void interrupt() { EXPECT_EQ(write(interrupt_[1], "x", 1), 1); }
-    int join() {
-        if (thread_.joinable())
-            thread_.join();
-        return status_;
-    }
-    std::string out() const { return out_.text(); }
-    std::string err() const { return err_.text(); }
-
-  private:
-    int interrupt_[2] = {-1, -1};
-    shared_text out_;
-    shared_text err_;
-    std::atomic<int> status_ = -1;
-    std::thread thread_;
-};
-
-struct outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-outcome run(const std::vector<std::string>& words) {
-    std::ostringstream out;
-    std::ostringstream err;
-    const int status = tmctl::run(words, {.out = out, .err = err});
-    return {status, out.str(), err.str()};
-}
 
 class settings {
   public:

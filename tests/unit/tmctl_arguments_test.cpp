@@ -28,6 +28,16 @@ TEST(TmctlArguments, TheDefaultServerIsTheTrafficManagersSocket) {
     EXPECT_THAT(parsed.wss_edge->socket, testing::EndsWith("/tmp/device_handlers/wss_edge"));
 }
 
+TEST(TmctlArguments, ThePanelAsksTheLedHandler) {
+    EXPECT_THAT(parse_arguments({"panel"}).server.socket,
+                testing::EndsWith("/tmp/device_handlers/led_velt"));
+    EXPECT_EQ(parse_arguments({"--socket", "s", "panel"}).server.socket, "s");
+    EXPECT_TRUE(parse_arguments({"panel", "--live", "--interval", "2"}).live);
+    EXPECT_EQ(complaint({"panel", "powerLed"}), "panel got too many words");
+    EXPECT_EQ(complaint({"panel", "--host", "::1"}), "--host does not go with panel");
+    EXPECT_EQ(complaint({"panel", "--until", "dark"}), "--until does not go with panel");
+}
+
 TEST(TmctlArguments, OptionsStandBeforeOrBehindTheCommand) {
     EXPECT_TRUE(parse_arguments({"--json", "get", "a"}).json);
     EXPECT_TRUE(parse_arguments({"get", "a", "--json"}).json);

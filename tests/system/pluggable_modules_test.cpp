@@ -1,0 +1,171 @@
+// Daemon and simulated card as processes: modules that are pulled and put in, by
+// hand and by scenario, and the front panel as a person at the rack sees it.
+#include "device_handler_client.hpp"
+#include "eventually.hpp"
+#include "process.hpp"
+#include "test_root.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using test::eventually;
+using test::exited_with;
+
+class PluggableModules : public testing::Test {
+  protected:
+    PluggableModules() { test::empty_root(); }
+    ~PluggableModules() override {
+        if (HasFailure() && daemon_)
+            std::cout << daemon_->standard_error();
+    }
+
+    static test::process::environment surroundings() {
+        return {{"VELT_ROOT", test::root()}, {"VELT_TIME_SCALE", "20"}, {"VELT_LOG_LEVEL", "7"}};
+    }
+
+    void start(const std::string& kind, const std::vector<std::string>& options = {}) {
+        std::vector<std::string> arguments{"--card", kind};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        card_.emplace(VELT_BIN_DIR "/card_simulator", arguments, surroundings(), test::root());
+        ASSERT_TRUE(eventually([&] { return card_->has_logged("is served"); }));
+        hands_ = device_handler_client::create("/tmp/device_handlers/sim", "hands", {});
+        daemon_.emplace(VELT_BIN_DIR "/traffic_manager", std::vector<std::string>{}, surroundings(),
+                        test::root());
+        ASSERT_TRUE(eventually([&] { return daemon_->has_logged("initialized for VELT"); }));
+        management_ =
+            device_handler_client::create("/tmp/device_managers/traffic_manager", "test", {});
+    }
+
+    template <class T>
+    bool becomes(const std::string& path, const T& expected) {
+        return eventually([&] {
+            try {
+                return management_->get<T>(path) == expected;
+            } catch (const dh_client_exception&) {
+                return false;
+            }
+        });
+    }
+
+    std::size_t lines(const std::string& text) const {
+        const std::string log = daemon_->standard_error();
+        std::size_t found = 0;
+        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+            ++found;
+        return found;
+    }
+
+    static std::string panel() {
+        test::process tmctl(VELT_BIN_DIR "/tmctl", {"panel"}, surroundings(), test::root());
+        EXPECT_EQ(tmctl.end(), exited_with(0)) << tmctl.standard_error();
+        return tmctl.standard_output();
+    }
+    static bool panel_becomes(const std::string& expected) {
+        const bool is_so = eventually([&] { return panel() == expected; });
+        EXPECT_EQ(panel(), expected);
+        return is_so;
+    }
+
+    std::optional<test::process> card_;
+    std::optional<test::process> daemon_;
+    std::shared_ptr<device_handler_client> hands_;
+    std::shared_ptr<device_handler_client> management_;
+};
+
+TEST_F(PluggableModules, AppearWhenTheyArePutInAndGoWhenTheyArePulled) {
+    start("mx47");
+    EXPECT_TRUE(becomes("ppm/1/pm/wdm/addLoss", 45U));
+    EXPECT_TRUE(becomes("ppm/2/pm/osc/dropLoss", 14U));
+    EXPECT_TRUE(becomes("interface/2/present", true));
+    EXPECT_EQ(lines("was inserted."), 0U);
+
+    hands_->set<void>("sim/ppm/1/present", false);
+    EXPECT_TRUE(becomes("ppm/1/pm/wdm/addLoss", 0U));
+    EXPECT_TRUE(becomes("ppm/1/present", false));
+    hands_->set<void>("sim/interface/2/present", false);
+    EXPECT_TRUE(becomes("interface/2/alarms/transceiverMissing/severity", 3U));
+    EXPECT_TRUE(becomes("interface/2/present", false));
+    EXPECT_EQ(lines("was inserted."), 0U);
+
+    hands_->set<void>("sim/ppm/1/wdmAddLoss", 60);
+    hands_->set<void>("sim/ppm/1/present", true);
+    EXPECT_TRUE(becomes("ppm/1/pm/wdm/addLoss", 60U));
+    hands_->set<void>("sim/interface/2/present", true);
+    EXPECT_TRUE(becomes("interface/2/alarms/transceiverMissing/severity", 0U));
+    EXPECT_TRUE(eventually([&] { return lines("was inserted.") == 2; }));
+    EXPECT_EQ(lines(" 7 tm_velt_ppm/1 msg: PPM was inserted. [ppm:"), 1U);
+    EXPECT_EQ(lines(" 7 tm_velt_sfp/2 msg: SFP was inserted. [sfp_interface:"), 1U);
+    EXPECT_TRUE(becomes("ppm/2/pm/wdm/addLoss", 45U));
+}
+
+TEST_F(PluggableModules, SwappedWhileTheHandlerIsAwayShowsTheNewLossesAndIsNoInsertion) {
+    start("k47");
+    ASSERT_TRUE(becomes("ppm/2/pm/wdm/addLoss", 45U));
+    hands_->set<void>("sim/handler/ppm/1/running", false);
+    ASSERT_TRUE(becomes("alarms/ppm/2/communicationFailure/severity", 3U));
+    EXPECT_TRUE(becomes("ppm/2/present", false));
+    EXPECT_EQ(management_->get<unsigned>("ppm/2/pm/wdm/addLoss"), 45U);
+    hands_->set<void>("sim/ppm/2/wdmAddLoss", 70);
+    hands_->set<void>("sim/handler/ppm/1/running", true);
+    EXPECT_TRUE(becomes("ppm/2/pm/wdm/addLoss", 70U));
+    EXPECT_TRUE(becomes("ppm/2/present", true));
+    EXPECT_EQ(lines("was inserted."), 0U);
+}
+
+TEST_F(PluggableModules, ArePulledAndPutInByAScenario) {
+    test::put_file("/scenario.json", R"({"actions":[
+        {"time":120,"action":"pull_module","module":"interface/1"},
+        {"time":121,"action":"pull_module","module":"ppm/2"},
+        {"time":200,"action":"insert_module","module":"interface/1"}]})");
+    start("t47", {"--scenario", test::root() + "/scenario.json"});
+    ASSERT_TRUE(becomes("interface/1/present", true));
+    EXPECT_TRUE(becomes("interface/1/present", false));
+    EXPECT_TRUE(becomes("ppm/2/pm/osc/addLoss", 0U));
+    EXPECT_TRUE(eventually([&] { return lines("tm_velt_sfp/1 msg: SFP was inserted.") == 1; }));
+    EXPECT_TRUE(becomes("interface/1/present", true));
+}
+
+std::string picture(const std::string& tx, const std::string& rx) {
+    const std::string edge = "+-----------------------------------------+\n";
+    return edge +
+           "|  POWER (G)   STATUS (G)                 |\n"
+           "|                                         |\n"
+           "|             OCM      EDFA    EXPRESS    |\n"
+           "|     TX      " +
+           tx + "      |\n|     RX      " + rx + "      |\n" + edge;
+}
+
+TEST_F(PluggableModules, FrontPanelOfATwoWayCardFollowsItsLight) {
+    start("t47");
+    for (unsigned channel = 1; channel <= 48; ++channel)
+        hands_->set<void>("sim/channel/" + std::to_string(channel) + "/lit", channel == 7);
+    EXPECT_TRUE(panel_becomes(picture("( )      (G)       ( )", "(G)      (G)       ( )")));
+    const auto wss = device_handler_client::create("/tmp/device_handlers/wss_edge", "wss", {});
+    wss->set<void>("config/wss/channel/7/port", std::string("express"));
+    EXPECT_TRUE(panel_becomes(picture("( )      (G)       ( )", "(G)      ( )       (G)")));
+    hands_->set<void>("sim/channel/7/lit", false);
+    EXPECT_TRUE(panel_becomes(picture("( )      (G)       ( )", "( )      ( )       ( )")));
+    hands_->set<void>("sim/booster/fault", true);
+    EXPECT_TRUE(panel_becomes(picture("( )      ( )       ( )", "( )      ( )       ( )")));
+}
+
+TEST_F(PluggableModules, FrontPanelOfAnAmplifierCardFollowsItsBooster) {
+    start("k47");
+    const auto booster = device_handler_client::create("/tmp/device_handlers/booster", "b", {});
+    booster->set<void>("config/enable", true);
+    EXPECT_TRUE(panel_becomes(picture("(G)      (G)       ( )", "( )      (G)       ( )")));
+    booster->set<void>("config/enable", false);
+    EXPECT_TRUE(panel_becomes(picture("( )      ( )       ( )", "( )      (G)       ( )")));
+}
+
+}  // namespace
