@@ -48,6 +48,8 @@ void lay_board_files(const std::string& root, const std::string& compatible,
     write_file(root + "/proc/device-tree/compatible", compatible + '\0');
     write_file(root + "/mnt/board_info/calibration_data/cloop/cloop.conf",
                eq_port == nullptr ? calibration_of(model) : calibration_of(model, *eq_port));
+    std::error_code ignored;  // without it nothing is saved, as on such a board
+    std::filesystem::create_directories(root + "/var/persistent/etc", ignored);
 }
 
 }  // namespace simulator

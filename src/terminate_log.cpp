@@ -48,6 +48,7 @@ std::string current_exception_text() {
     thread_local bool is_ending = false;  // writing the line may fail itself
     if (!is_ending) {
         is_ending = true;
+        msg_log::instance().leave_to_this_thread();
         MSG_LOG("tm_velt_init", msg_log::failure)
             << "msg: The process ends by an exception that nobody took: "
             << current_exception_text();

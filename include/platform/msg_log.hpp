@@ -41,6 +41,10 @@ class msg_log {
                                const std::string& text);
     void set_sink(line_sink sink, void* context);
 
+    // From now on only the calling thread's lines are written: what it has to say
+    // is the last that is heard of the program.
+    void leave_to_this_thread();
+
     msg_log(const msg_log&) = delete;
     msg_log& operator=(const msg_log&) = delete;
 

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 namespace logging = boost::log;
 
@@ -97,6 +98,8 @@ class line_backend final
         const auto message =
             logging::extract_or_default<std::string>("Message", record, std::string());
         const std::lock_guard lock(sink_mutex_);
+        if (only_writer_ && *only_writer_ != std::this_thread::get_id())
+            return;
         if (sink_ != nullptr) {
             sink_(sink_context_, severity, channel, message);
             return;
@@ -118,11 +121,17 @@ class line_backend final
         sink_context_ = context;
     }
 
+    void leave_to(std::thread::id writer) {
+        const std::lock_guard lock(sink_mutex_);
+        only_writer_ = writer;
+    }
+
   private:
     const bool to_journal_ = !host::environment("JOURNAL_STREAM", "").empty();
     std::mutex sink_mutex_;
     msg_log::line_sink sink_ = nullptr;
     void* sink_context_ = nullptr;
+    std::optional<std::thread::id> only_writer_;
 };
 
 boost::shared_ptr<line_backend>& installed_backend() {
@@ -217,6 +226,10 @@ void msg_log::set_level(severity_level level) {
 
 void msg_log::set_sink(line_sink sink, void* context) {
     installed_backend()->set_sink(sink, context);
+}
+
+void msg_log::leave_to_this_thread() {
+    installed_backend()->leave_to(std::this_thread::get_id());
 }
 
 std::string msg_log::getCodeTrace(const char* file, int line) {

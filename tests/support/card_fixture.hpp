@@ -47,6 +47,16 @@ class card_fixture : public testing::Test {
         return 0;
     }
 
+    // The code of the error of a read, or 0.
+    static int code_of_read(device_handler_client& client, const std::string& path) {
+        try {
+            client.get<int>(path);
+        } catch (const dh_client_exception& error) {
+            return error.code;
+        }
+        return 0;
+    }
+
     log_capture log;
     std::unique_ptr<simulator::card> card;
 };

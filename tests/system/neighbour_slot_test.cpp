@@ -51,7 +51,10 @@ struct situation {
 
 class NeighbourSlot : public test::daemon_fixture {
   protected:
-    NeighbourSlot() { log_level_ = "7"; }
+    NeighbourSlot() {
+        log_level_ = "7";
+        led_velt_.reset();  // the simulated card has one
+    }
 
     void SetUp() override {
         if (!card_.exists() || !neighbour_.exists())

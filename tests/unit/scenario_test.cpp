@@ -407,4 +407,31 @@ TEST(ExampleScenarios, AllParse) {
     EXPECT_GE(found, 5U);
 }
 
+TEST(ScenarioFile, ActionsOnTheLineAreRead) {
+    const auto actions = simulator::parse_scenario(R"({"actions": [
+            {"time": 3, "action": "repair_line"},
+            {"time": 1, "action": "cut_line", "distance": 1500},
+            {"time": 2, "action": "set_line_loss", "loss": 4.5},
+            {"time": 4, "action": "set_reflectors", "reflectors": "5:-30 1:-20"}]})",
+                                                   {});
+    ASSERT_EQ(actions.on_line.size(), 4U);
+    EXPECT_EQ(std::get<simulator::line_cut>(actions.on_line[0].action).distance, 1500.0);
+    EXPECT_EQ(std::get<simulator::line_loss>(actions.on_line[1].action).loss, 4.5);
+    EXPECT_TRUE(std::holds_alternative<simulator::line_repair>(actions.on_line[2].action));
+    EXPECT_EQ(std::get<simulator::line_reflectors>(actions.on_line[3].action).reflectors,
+              (std::vector<simulator::reflector>{{1.0, -20.0}, {5.0, -30.0}}));
+}
+
+TEST(ScenarioFile, ActionsOnNoSuchLineAreRefused) {
+    for (const char* action : {R"({"time": 1, "action": "cut_line"})",
+                               R"({"time": 1, "action": "cut_line", "distance": -1})",
+                               R"({"time": 1, "action": "repair_line", "distance": 1})",
+                               R"({"time": 1, "action": "set_line_loss", "loss": 61})",
+                               R"({"time": 1, "action": "set_reflectors", "reflectors": 5})",
+                               R"({"time": 1, "action": "set_reflectors", "reflectors": "5"})"})
+        EXPECT_THROW(simulator::parse_scenario(std::string(R"({"actions": [)") + action + "]}", {}),
+                     simulator::scenario_error)
+            << action;
+}
+
 }  // namespace

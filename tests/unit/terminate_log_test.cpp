@@ -1,6 +1,7 @@
 #include "terminate_log.hpp"
 
 #include "dh_error.hpp"
+#include "msg_log.hpp"
 
 #include <gtest/gtest.h>
 
@@ -52,4 +53,16 @@ TEST_F(TerminateLog, SaysSoWhereThereIsNoException) {
             std::terminate();
         },
         "took: no exception \\[");
+}
+
+TEST_F(TerminateLog, HasTheLastWordWhateverOtherThreadsLog) {
+    EXPECT_DEATH(
+        {
+            std::thread([] {
+                for (;;)
+                    MSG_LOG("busy", msg_log::failure) << "msg: More.";
+            }).detach();
+            end_by(42);
+        },
+        "took: int \\[terminate_log:[0-9]*\\]\n$");
 }
