@@ -13,9 +13,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr float no_power = -99.0F;     // dBm, of a transceiver that is not there
-constexpr double dark_reading = -40.0;     // dBm, what a receiver shows without light
-constexpr double sensitivity = -36.0;  // dBm, below which there is no link
+constexpr float no_power = -99.0F;      // dBm, of a transceiver that is not there
+constexpr double dark_reading = -40.0;  // dBm, what a receiver shows without light
+constexpr double sensitivity = -36.0;   // dBm, below which there is no link
 
 // Real time between two looks at what may have changed elsewhere.
 constexpr auto look_interval = 50ms;
