@@ -1,6 +1,7 @@
 // The daemon as a process, before and while its device handlers are there.
 #include "daemon_fixture.hpp"
 #include "eventually.hpp"
+#include "redis_server.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -279,4 +280,22 @@ TEST_F(Daemon, RegulatesOnceTheManagementIsReady) {
         return false;
     }));
     EXPECT_FALSE(process_->has_ended());
+}
+
+TEST_F(Daemon, AsksTheStoreOverEitherKindOfSocket) {
+    test::redis_server store;
+    store.set("/v1/rows/system/settings/config/hostname", "card-17");
+    become_ready_k47();
+    for (const std::string& address :
+         {"unix:" + test::root() + "/var/run/redis/redis.sock", store.tcp_address()}) {
+        auto around = surroundings("20");
+        around["VELT_REDIS"] = address;
+        process_.reset();
+        process_.emplace(daemon_program, std::vector<std::string>{}, around, test::root());
+        ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
+        const auto management = management_client();
+        EXPECT_TRUE(test::eventually([&] {
+            return management->get<std::string>("interface/line/1/data/hostname", "") == "card-17";
+        })) << address;
+    }
 }
