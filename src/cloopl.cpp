@@ -171,20 +171,21 @@ std::string cloopl::get_local_hostname() {
     return key_value_store_.get<std::string>(hostname_key, "", hostname_timeout);
 }
 
-std::string cloopl::interface_index() const {
-    return "if-1/" + system_info_client_->get<std::string>("data/locationIndex");
+std::string cloopl::name_kept_in(shared_value<std::string>& kept, const char* side) const {
+    std::string name = kept.get();
+    if (name.empty()) {
+        name = "if-1/" + system_info_client_->get<std::string>("data/locationIndex") + side;
+        kept.set(name);
+    }
+    return name;
 }
 
 std::string cloopl::get_local_rx_name() {
-    if (!rx_name_)
-        rx_name_ = interface_index() + "/2-rx";
-    return *rx_name_;
+    return name_kept_in(rx_name_, "/2-rx");
 }
 
 std::string cloopl::get_local_tx_name() {
-    if (!tx_name_)
-        tx_name_ = interface_index() + "/2-tx";
-    return *tx_name_;
+    return name_kept_in(tx_name_, "/2-tx");
 }
 
 // --- The far end ------------------------------------------------------------------

@@ -8,7 +8,6 @@
 #include "shared_field.hpp"
 
 #include <memory>
-#include <optional>
 #include <string>
 
 // Publishes the span under "interface/line/1/data/". The far end runs the same
@@ -82,7 +81,7 @@ class cloopl : public std::enable_shared_from_this<cloopl> {
     std::string text_of(const std::string& status_path);
 
     float local_figure(const std::string& path, const char* error);
-    std::string interface_index() const;
+    std::string name_kept_in(shared_value<std::string>& kept, const char* side) const;
 
     template <class T>
     T get_remote(const std::string& path);
@@ -99,8 +98,8 @@ class cloopl : public std::enable_shared_from_this<cloopl> {
     shared_number<bool> sfp_is_to_be_subscribed_{true};
     shared_number<bool> osc_is_to_be_subscribed_{true};
     // Once they were read, for the life of the process: a card does not change its slot.
-    std::optional<std::string> rx_name_;
-    std::optional<std::string> tx_name_;
+    shared_value<std::string> rx_name_;
+    shared_value<std::string> tx_name_;
     const std::string present_path_;
 };
 

@@ -2,31 +2,16 @@
 #include "device_handler_api.hpp"
 #include "device_handler_client.hpp"
 #include "eventually.hpp"
+#include "free_port.hpp"
 #include "log_capture.hpp"
 #include "status_value.hpp"
 #include "test_root.hpp"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <memory>
 
 namespace {
-
-// A port that nobody listens on.
-unsigned free_port() {
-    const int socket = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
-    socklen_t size = sizeof address;
-    ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
-    ::close(socket);
-    return ntohs(address.sin6_port);
-}
 
 class Ipv6 : public testing::Test {
   protected:
@@ -51,7 +36,7 @@ class Ipv6 : public testing::Test {
         return 0;
     }
 
-    const unsigned port_ = free_port();
+    const unsigned port_ = test::free_port();
     std::unique_ptr<dh_server> server_;
 };
 

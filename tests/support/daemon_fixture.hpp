@@ -61,6 +61,9 @@ class daemon_fixture : public testing::Test {
             oscs_[number].emplace("/tmp/device_handlers/osc" + std::to_string(number + 1));
             oscs_[number]->set("data/configStatus", true);
         }
+        // Nobody waits for it, but the ticks of the tree ask it.
+        system_info_.emplace("/tmp/device_handlers/system_info");
+        system_info_->set("data/locationIndex", "1");
     }
 
     // Handlers that let a T47 card start.
@@ -75,8 +78,6 @@ class daemon_fixture : public testing::Test {
     void become_ready_mx47() {
         become_ready_t47();
         put_board("velt,mx47");
-        system_info_.emplace("/tmp/device_handlers/system_info");
-        system_info_->set("data/locationIndex", "1");
     }
 
     // The server accepts clients before the tree stands; this one finds its first node.

@@ -4,6 +4,7 @@
 #include "client_recorders.hpp"
 #include "device_handler_client.hpp"
 #include "eventually.hpp"
+#include "free_port.hpp"
 #include "process.hpp"
 #include "process_holdings.hpp"
 #include "test_root.hpp"
@@ -114,8 +115,11 @@ class HandlerRestarts : public testing::Test {
         EXPECT_TRUE(eventually([&] { return card_->has_logged("msg: Card t47 is served"); }));
         hands_ = client_of("/tmp/device_handlers/sim");
         hands_->set<void>("sim/monitor/noise", 0.0F);
-        daemon_.emplace(VELT_BIN_DIR "/traffic_manager", std::vector<std::string>{}, surroundings,
-                        test::root());
+        // On a port of its own: one that others have is asked for again and again,
+        // and makes one descriptor more once it is had.
+        daemon_.emplace(VELT_BIN_DIR "/traffic_manager",
+                        std::vector<std::string>{"--port", std::to_string(test::free_port())},
+                        surroundings, test::root());
         management_ = client_of("/tmp/device_managers/traffic_manager");
     }
 

@@ -139,7 +139,6 @@ class PublishedTree : public test::daemon_fixture {
     void start_card(const std::string& board) {
         become_ready_t47();
         test::put_board("velt," + board);
-        system_info_.emplace("/tmp/device_handlers/system_info");
         serve_pluggable_modules();
         start({}, "50");
         ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
