@@ -94,6 +94,13 @@ class process {
     bool has_logged(const std::string& text) const {
         return standard_error().find(text) != std::string::npos;
     }
+    std::size_t times_logged(const std::string& text) const {
+        const std::string log = standard_error();
+        std::size_t times = 0;
+        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+            ++times;
+        return times;
+    }
 
   private:
     static std::string next_file(const std::string& folder, const std::string& name) {

@@ -58,13 +58,7 @@ class simulated_card_fixture : public testing::Test {
         });
     }
 
-    std::size_t lines(const std::string& text) const {
-        const std::string log = daemon_->standard_error();
-        std::size_t found = 0;
-        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
-            ++found;
-        return found;
-    }
+    std::size_t lines(const std::string& text) const { return daemon_->times_logged(text); }
 
     // What the tool prints. It must end with that status.
     static std::string tmctl(const std::vector<std::string>& words, int status = 0) {

@@ -135,14 +135,7 @@ class NeighbourSlot : public test::daemon_fixture {
         return eventually([&] { return now() == expected; }, bound);
     }
 
-    std::size_t times_logged(const std::string& text) const {
-        std::size_t times = 0;
-        const std::string log = process_->standard_error();
-        for (auto found = log.find(text); found != std::string::npos;
-             found = log.find(text, found + 1))
-            ++times;
-        return times;
-    }
+    std::size_t times_logged(const std::string& text) const { return process_->times_logged(text); }
 
     // Whatever the light, the booster has the gain that it was told.
     void lift_power_limit() { hands_->set<void>("sim/eq/booster/powerLimit", 30.0); }
