@@ -79,6 +79,11 @@ class device_handler_client_base::connection
         bool awaits_first_event;
     };
 
+    struct subscribed_path {
+        std::vector<subscription> subscriptions;
+        std::string last_told;  // the last event, as told_by gives it
+    };
+
     struct watched_tree {
         std::uint64_t id;
         std::string prefix;
@@ -136,6 +141,7 @@ class device_handler_client_base::connection
     void request_subscriptions(bool begins, std::vector<std::string> paths);
     void forget_asked_before(const std::vector<std::string>& paths);
     void listen_for_events_locked();
+    static std::string told_by(const event&);
     void deliver(const event&);
     void deliver_to_subscribers(const event&);
     void deliver_to_watchers(const event&);
@@ -146,6 +152,11 @@ class device_handler_client_base::connection
     const std::string name_;
     const std::weak_ptr<device_handler_connection_subscriber> connection_subscriber_;
     const clock::time_point created_ = clock::now();
+
+    // Held from a change of what is subscribed and watched until its request is
+    // sent, so that the other side is asked in the order of the changes. Taken
+    // before send_mutex_.
+    std::mutex asking_mutex_;
 
     std::mutex send_mutex_;  // one request after the other; taken before mutex_
 
@@ -160,7 +171,7 @@ class device_handler_client_base::connection
     clock::time_point state_since_ = clock::now();
     std::deque<outstanding> outstanding_;
     clock::time_point front_since_;  // when the first of them became the next to be answered
-    std::map<std::string, std::vector<subscription>, std::less<>> subscriptions_;
+    std::map<std::string, subscribed_path, std::less<>> subscriptions_;
     std::multiset<std::string> asked_before_;  // unsubscribed, and not answered yet
     std::vector<watched_tree> watches_;        // of the link
     bool renewal_is_due_ = false;

@@ -316,20 +316,39 @@ void connection::deliver(const event& came) {
     }
 }
 
+// What the event says of its path: nothing where there is no value.
+std::string connection::told_by(const event& came) {
+    switch (came.what) {
+        case event::kind::value:
+            return json::to_text(came.value);
+        case event::kind::error:
+            return "error " + std::to_string(came.error.code) + " " + came.error.message;
+        default:
+            return {};
+    }
+}
+
 void connection::deliver_to_subscribers(const event& came) {
     subscribers called;
+    std::string told = told_by(came);
     {
         const std::lock_guard lock(mutex_);
         const auto found = subscriptions_.find(came.path);
         if (found == subscriptions_.end())
             return;
-        for (subscription& each : found->second) {
-            // The first event answers a subscribe; who has had it knows the value.
-            if (came.is_first && !each.awaits_first_event)
+        // The first event answers a subscribe. To the other subscribers it is news
+        // only where they have missed the change: it came between the end of an
+        // earlier subscription, whose first event was taken for the answer, and
+        // this one, or its own event was dropped in favour of this one.
+        subscribed_path& subscribed = found->second;
+        const bool is_news = !came.is_first || told != subscribed.last_told;
+        for (subscription& each : subscribed.subscriptions) {
+            if (!is_news && !each.awaits_first_event)
                 continue;
             each.awaits_first_event = came.ends_subscription;
             called.push_back(each.subscriber);
         }
+        subscribed.last_told = std::move(told);
     }
     for (const auto& subscriber : called) {
         call_receiver(came, [&] {
@@ -401,11 +420,12 @@ void connection::call_receiver(const event& came, const Call& call) {
 }
 
 void connection::add_subscribers(const subscribers& added) {
+    const std::lock_guard asking(asking_mutex_);
     std::vector<std::string> paths;
     {
         const std::lock_guard lock(mutex_);
         for (const auto& subscriber : added) {
-            subscriptions_[subscriber->path()].push_back({subscriber, true});
+            subscriptions_[subscriber->path()].subscriptions.push_back({subscriber, true});
             paths.push_back(subscriber->path());
         }
         if (state_ != state::up)
@@ -416,6 +436,7 @@ void connection::add_subscribers(const subscribers& added) {
 }
 
 void connection::remove_subscribers(const subscribers& gone) {
+    const std::lock_guard asking(asking_mutex_);
     std::vector<std::string> paths;
     {
         const std::lock_guard lock(mutex_);
@@ -423,9 +444,10 @@ void connection::remove_subscribers(const subscribers& gone) {
             const auto found = subscriptions_.find(subscriber->path());
             if (found == subscriptions_.end())
                 continue;
-            std::erase_if(found->second,
+            auto& left = found->second.subscriptions;
+            std::erase_if(left,
                           [&](const subscription& each) { return each.subscriber == subscriber; });
-            if (!found->second.empty())
+            if (!left.empty())
                 continue;
             subscriptions_.erase(found);
             if (state_ == state::up)
@@ -442,6 +464,11 @@ void connection::watch(std::string prefix, std::size_t max_nodes,
                        std::shared_ptr<device_handler_tree_watcher> watcher) {
     const std::uint64_t id = next_watch_id.fetch_add(1, std::memory_order_relaxed);
     {
+        lock_type lock(mutex_);
+        wait_for_first_connection(lock);
+    }
+    const std::lock_guard asking(asking_mutex_);
+    {
         const std::lock_guard lock(mutex_);
         watches_.push_back({id, prefix, std::move(watcher)});
         if (state_ == state::up)
@@ -451,6 +478,7 @@ void connection::watch(std::string prefix, std::size_t max_nodes,
 }
 
 void connection::unwatch(const std::shared_ptr<device_handler_tree_watcher>& watcher) {
+    const std::lock_guard asking(asking_mutex_);
     std::set<std::string> prefixes;
     {
         const std::lock_guard lock(mutex_);
@@ -469,13 +497,14 @@ void connection::unwatch(const std::shared_ptr<device_handler_tree_watcher>& wat
 }
 
 void connection::renew_subscriptions() {
+    const std::lock_guard asking(asking_mutex_);
     std::vector<std::string> paths;
     {
         const std::lock_guard lock(mutex_);
         if (state_ != state::up)
             return;
         for (auto& [path, subscribed] : subscriptions_) {
-            for (subscription& each : subscribed)
+            for (subscription& each : subscribed.subscriptions)
                 each.awaits_first_event = true;
             paths.push_back(path);
         }

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
+#include <latch>
 #include <optional>
 #include <thread>
 
@@ -350,6 +352,55 @@ TEST_F(Client, RemovedSubscriberGetsNoMoreEvents) {
     ASSERT_TRUE(eventually([&] { return other->has("value data/count 2"); }));
     EXPECT_EQ(subscriber->all().size(), before);
     client_->remove_subscriber(subscriber);
+}
+
+// The request that ends the events of a path and the one that begins them again
+// come from two threads: the handler gets them in the order of what they ask.
+TEST_F(Client, SubscriberThatComesWhileTheLastOneGoesGetsEvents) {
+    for (unsigned round = 1; round <= 300; ++round) {
+        const auto going = subscribe("data/count");
+        std::latch start(2);
+        std::thread other([&] {
+            start.arrive_and_wait();
+            client_->remove_subscriber(going);
+        });
+        start.arrive_and_wait();
+        const auto coming = subscribe("data/count");
+        other.join();
+        count_->set(1000 + round);
+        ASSERT_TRUE(eventually([&] {
+            return coming->has("value data/count " + std::to_string(1000 + round));
+        })) << "round "
+            << round;
+        client_->remove_subscriber(coming);
+    }
+}
+
+// A change of which no event came: it fell between two subscriptions, or its
+// event was dropped in favour of a newer one.
+TEST_F(Client, FirstEventThatTellsAnotherValueGoesToEverySubscriber) {
+    std::deque<int> values{1, 1, 2, 3};
+    const test::line_server other(
+        test::root() + "/other", [&](const test::line_server::request& asked) {
+            if (asked.method != "subscribe")
+                return test::line_server::reply(asked, "[{}]");
+            const std::string value = std::to_string(values.front());
+            values.pop_front();
+            return R"({"jsonrpc":"2.0","method":"event","params":{"event":"value","path":"far",)"
+                   R"("time":1,"initial":true,"value":)" +
+                   value + "}}\n" + test::line_server::reply(asked, R"([{"value":)" + value + "}]");
+        });
+    const auto other_client = device_handler_client::create("/other", "other", {});
+    std::vector<std::shared_ptr<test::recording_subscriber>> subscribers;
+    for (const std::string text : {"value far 1", "value far 1", "value far 2", "value far 3"}) {
+        subscribers.push_back(std::make_shared<test::recording_subscriber>("far"));
+        other_client->add_subscriber(subscribers.back());
+        ASSERT_TRUE(eventually([&] { return subscribers.back()->has(text); }));
+    }
+    // Those that were there before are called first.
+    EXPECT_EQ(subscribers[0]->all(), (strings{"value far 1", "value far 2", "value far 3"}));
+    EXPECT_EQ(subscribers[1]->all(), (strings{"value far 1", "value far 2", "value far 3"}));
+    EXPECT_EQ(subscribers[2]->all(), (strings{"value far 2", "value far 3"}));
 }
 
 TEST_F(Client, SubscriptionsAreRenewedWhenTheServerReturns) {
