@@ -1,14 +1,10 @@
 #include "cloopl.hpp"
 
-#include "host.hpp"
 #include "module_mirror.hpp"
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <utility>
-
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -47,12 +43,8 @@ constexpr unsigned hostname_timeout = 1;  // s
 constexpr unsigned far_end_port = 5100;
 constexpr const char* far_end_name = "remote line control loop";
 
-// Until a transceiver's handler has settled after its return.
-constexpr auto settling_time = 3s;
-
 using figure_node = dh::util::mirror_node<float>::type;
 using text_status = dh::api::status_value<std::string>;
-using present_status = dh::api::status_value<bool>;
 
 struct neighbour_address {
     std::string address;
@@ -271,8 +263,8 @@ void cloopl::on_disconnect_osc() {
 
 void cloopl::on_connect_sfp() {
     if (sfp_is_to_be_subscribed_) {
-        host::time().sleep(settling_time);
-        proxy_->subscribe<present_status, bool>(sfp_client_, "present", present_path_);
+        await_settled_handler();
+        mirror_presence(*proxy_, sfp_client_, present_path_);
         subscribe_sfp_paths();
     }
     sfp_is_to_be_subscribed_ = false;
@@ -280,16 +272,15 @@ void cloopl::on_connect_sfp() {
 
 // The memory of the transceiver stays: it is not pulled because its handler is away.
 void cloopl::on_disconnect_sfp() {
-    if (const auto present = proxy_->get_path_node<present_status>(present_path_))
-        (*present)->set(false);
+    clear_flag(*proxy_, present_path_);
     sfp_is_to_be_subscribed_ = true;
 }
 
 void cloopl::on_sfp_present_state_change() {
-    const auto present = proxy_->get_path_node<present_status>(present_path_);
+    const auto present = find_flag(*proxy_, present_path_);
     if (!present)
         return;
-    const bool is_present = (*present)->latest();
+    const bool is_present = present->latest();
     if (is_present && !sfp_was_present_)
         on_sfp_insert();
     else if (!is_present && sfp_was_present_)

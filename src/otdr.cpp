@@ -13,15 +13,10 @@
 #include <chrono>
 #include <utility>
 
-using namespace std::chrono_literals;
-
 namespace {
 
 constexpr char log_channel[] = "tm_velt_otdr_manager";
 constexpr char event_channel[] = "tm_velt_otdr";
-
-// What a handler needs after its start before it knows its transceiver.
-constexpr auto settling_time = 3s;
 
 }  // namespace
 
@@ -106,10 +101,10 @@ void otdr::enter_absent() {
 
 void otdr::on_connect_sfp() {
     if (!is_subscribed_) {
-        host::time().sleep(settling_time);
+        await_settled_handler();
         // Before its first event, which has to count.
         is_subscribed_ = true;
-        proxy_->subscribe<dh::api::status_value<bool>, bool>(sfp_, "present", present_path_);
+        mirror_presence(*proxy_, sfp_, present_path_);
     }
     try {
         start();
@@ -124,8 +119,7 @@ void otdr::on_connect_sfp() {
 void otdr::on_disconnect_sfp() {
     const std::lock_guard lock(transceiver_mutex_);
     is_subscribed_ = false;
-    if (const auto node = proxy_->get_path_node<dh::api::status_value<bool>>(present_path_))
-        (*node)->set(false);
+    clear_flag(*proxy_, present_path_);
 }
 
 void otdr::start() {
@@ -144,15 +138,15 @@ void otdr::start() {
 }
 
 void otdr::on_sfp_present_state_change() {
-    const auto node = proxy_->get_path_node<dh::api::status_value<bool>>(present_path_);
-    if (!node)
+    const auto present = find_flag(*proxy_, present_path_);
+    if (!present)
         return;
     const std::lock_guard lock(transceiver_mutex_);
     // An event that the loss of the handler has overtaken; its first one after
     // the return tells what is.
     if (!is_subscribed_)
         return;
-    const bool is_present = (*node)->latest();
+    const bool is_present = present->latest();
     if (is_present && !was_present_)
         on_sfp_insert();
     else if (!is_present && was_present_)

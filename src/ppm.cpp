@@ -59,8 +59,7 @@ std::string ppm_slot::get_ppm_position() const {
 }
 
 void ppm_slot::on_disconnect() {
-    if (const auto present = find_flag(*proxy_, present_path_))
-        present->set(false);
+    clear_flag(*proxy_, present_path_);
 }
 
 void ppm_slot::unsubscribe() {

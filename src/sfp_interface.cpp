@@ -1,21 +1,11 @@
 #include "sfp_interface.hpp"
 
-#include "host.hpp"
 #include "module_mirror.hpp"
 #include "msg_log.hpp"
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <utility>
-
-namespace {
-
-using namespace std::chrono_literals;
-
-constexpr auto settling_time = 3s;  // of a handler that was restarted
-
-}  // namespace
 
 std::shared_ptr<sfp_interface> sfp_interface::create(
     unsigned index, const std::shared_ptr<dh::util::proxy>& proxy,
@@ -52,15 +42,14 @@ std::string sfp_interface::get_port_type() const {
 
 void sfp_interface::on_connect() {
     if (resubscribe_) {
-        host::time().sleep(settling_time);
-        proxy_->subscribe<dh::api::status_value<bool>, bool>(client_, "present", present_path_);
+        await_settled_handler();
+        mirror_presence(*proxy_, client_, present_path_);
     }
     resubscribe_ = false;
 }
 
 void sfp_interface::on_disconnect() {
-    if (const auto present = find_flag(*proxy_, present_path_))
-        present->set(false);
+    clear_flag(*proxy_, present_path_);
     resubscribe_ = true;
 }
 
