@@ -34,7 +34,10 @@ std::string change_text(const trace_comparison& both) {
     if (!both.measured)
         return "gone";
     const std::int64_t moved = both.measured->distance - both.reference->distance;
-    return moved == 0 ? "same" : fmt::format("{:+} m", moved);
+    const std::string place = moved == 0 ? "same" : fmt::format("{:+} m", moved);
+    if (both.measured->is_ghost == both.reference->is_ghost)
+        return place;
+    return place + (both.reference->is_ghost ? ", was a ghost" : ", was a reflection");
 }
 
 std::string picture_line(const reflection_trace& trace, std::int64_t end) {

@@ -63,6 +63,15 @@ TEST(ReflectionTrace, TableTellsWhatIsNewMovedOrGone) {
                     "  3      5070 m   reflection  +70 m", "  -      9000 m   ghost       gone"));
 }
 
+TEST(ReflectionTrace, TableTellsWhatHasBecomeAGhostOrIsNoneAnyLonger) {
+    const reflection_trace reference{0, 20'000, {{1000, false}, {5000, true}, {9000, true}}};
+    EXPECT_THAT(trace_table({0, 20'000, {{1000, true}, {4990, false}, {9000, true}}}, reference),
+                ElementsAre("  #     distance  kind        since the reference point",
+                            "  1      1000 m   ghost       same, was a reflection",
+                            "  2      4990 m   reflection  -10 m, was a ghost",
+                            "  3      9000 m   ghost       same"));
+}
+
 TEST(ReflectionTrace, EachReflectionOfTheReferencePointIsMatchedOnce) {
     const auto all = tmctl::compare({0, 0, {{1000, false}, {1010, false}, {1071, false}}},
                                     {0, 0, {{1001, false}}});
