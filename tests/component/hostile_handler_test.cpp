@@ -291,8 +291,8 @@ TEST_F(HostileHandler, HandlerThatCannotBeWatchedIsOneLineAndOfUseOtherwise) {
 }
 
 TEST_F(HostileHandler, NodeThatIsListedTwiceHasOneSubscriber) {
-    std::atomic<int> updates{0};
-    proxy_->on_update("handler/twice", [&] { ++updates; });
+    const auto updates = std::make_shared<std::atomic<int>>(0);
+    proxy_->on_update("handler/twice", [updates] { ++*updates; });
     tree_.set_value("twice", "true");
     const std::string node = status_node("twice", "bool");
     serve(node + "," + node + "," + node);
@@ -300,7 +300,7 @@ TEST_F(HostileHandler, NodeThatIsListedTwiceHasOneSubscriber) {
     send(value_event("twice", "false"));
     expect_alive();
     EXPECT_EQ(local("handler/twice"), "false");
-    EXPECT_EQ(updates, 2);
+    EXPECT_EQ(*updates, 2);
     EXPECT_EQ(complaints(), strings{});
 }
 
@@ -381,43 +381,44 @@ TEST_F(HostileHandler, TextOfMegabytesIsMirrored) {
 }
 
 TEST_F(HostileHandler, FloodOfOneValueWhileACallbackIsSlowKeepsTheNewest) {
-    test::door door;
-    std::atomic<int> updates{0};
-    proxy_->on_update("handler/alive", [&] {
-        if (++updates == 2)
-            door.pass();
+    const auto door = std::make_shared<test::door>();
+    const auto updates = std::make_shared<std::atomic<int>>(0);
+    proxy_->on_update("handler/alive", [door, updates] {
+        if (++*updates == 2)
+            door->pass();
     });
     serve("");
     expect_alive();
     send("");
-    ASSERT_TRUE(door.has_met(1));
+    ASSERT_TRUE(door->has_met(1));
     std::string lines;
     for (int i = 0; i < 50'000; ++i)
         lines += value_event("alive", std::to_string(i + 10));
     send(lines);
-    door.open();
+    door->open();
     expect_alive();
-    EXPECT_LT(updates, 2'000);
+    EXPECT_LT(*updates, 2'000);
     EXPECT_EQ(complaints(), strings{});
 }
 
 TEST_F(HostileHandler, FloodThatCannotBeThinnedBreaksTheConnectionWithOneLine) {
-    test::door door;
-    std::atomic<bool> is_slow{true};
+    const auto door = std::make_shared<test::door>();
+    const auto is_slow = std::make_shared<std::atomic<bool>>(true);
     serve("");
     expect_alive();
-    proxy_->subscribe<unsigned>(connection_->client(), "alive", "elsewhere", [&](unsigned) {
-        if (is_slow)
-            door.pass();
-    });
-    ASSERT_TRUE(door.has_met(1));
+    proxy_->subscribe<unsigned>(connection_->client(), "alive", "elsewhere",
+                                [door, is_slow](unsigned) {
+                                    if (*is_slow)
+                                        door->pass();
+                                });
+    ASSERT_TRUE(door->has_met(1));
     std::string lines;
     for (int i = 0; i < 40'000; ++i)
         lines += event("removed", "data/" + std::to_string(i), "");
     tree_.say(lines);
     EXPECT_THROW(connection_->client()->get<int>("go"), dh_client_exception);
-    is_slow = false;
-    door.open();
+    *is_slow = false;
+    door->open();
     ASSERT_TRUE(eventually([&] { return server_->accepted_connections() == 2; }));
     ASSERT_TRUE(eventually([&] { return connection_->all().size() == 3; }));
     // Said again where the first event of the renewed subscription came later.
@@ -431,9 +432,9 @@ TEST_F(HostileHandler, FloodThatCannotBeThinnedBreaksTheConnectionWithOneLine) {
 
 TEST_F(HostileHandler, ListingThatNeverEndsBreaksTheConnectionAndTheNextOneIsMirrored) {
     tree_.set_nodes(status_node("alive", "unsigned int"));
-    std::atomic<int> watches{0};
-    serve_answers([&](const line_server::request& asked) {
-        if (asked.method != "watch" || ++watches > 2)
+    const auto watches = std::make_shared<std::atomic<int>>(0);
+    serve_answers([this, watches](const line_server::request& asked) {
+        if (asked.method != "watch" || ++*watches > 2)
             return tree_.answer(asked);
         return R"({"jsonrpc":"2.0","id":)" + asked.id + R"(,"result":{"nodes":[)" +
                std::string(std::size_t{17} << 20, ' ');
@@ -449,17 +450,17 @@ TEST_F(HostileHandler, ListingThatNeverEndsBreaksTheConnectionAndTheNextOneIsMir
 // The other handlers are served while this one makes the client wait.
 TEST_F(HostileHandler, ListingThatDoesNotComeBreaksTheConnectionAfterItsTime) {
     tree_.set_nodes(status_node("alive", "unsigned int"));
-    test::door door;
-    std::atomic<int> watches{0};
+    const auto door = std::make_shared<test::door>();
+    const auto watches = std::make_shared<std::atomic<int>>(0);
     dh_server other("other", test::root() + "/other");
     const auto ready = dh::api::status_value<bool>::create(other.db(), "ready", false, 0);
     const auto other_connection = test::mirroring_connection::create(proxy_);
-    serve_answers([&](const line_server::request& asked) {
-        if (asked.method == "watch" && ++watches == 1)
-            door.pass();
+    serve_answers([this, door, watches](const line_server::request& asked) {
+        if (asked.method == "watch" && ++*watches == 1)
+            door->pass();
         return tree_.answer(asked);
     });
-    ASSERT_TRUE(door.has_met(1));
+    ASSERT_TRUE(door->has_met(1));
     other_connection->mirror("/other", "other");
     EXPECT_TRUE(becomes("other/ready", "false"));
     ready->set(true);
@@ -469,23 +470,23 @@ TEST_F(HostileHandler, ListingThatDoesNotComeBreaksTheConnectionAfterItsTime) {
     EXPECT_THAT(complaints(),
                 ElementsAre("msg: " + test::root() + host_path_ + " does not answer in time"));
     other_connection->end();
-    door.open();
+    door->open();
 }
 
 TEST_F(HostileHandler, HandlerThatHangsUpAtEachWatchLeavesTheNodesAlone) {
     tree_.set_nodes(status_node("alive", "unsigned int"));
-    std::atomic<bool> hangs_up{false};
-    serve_answers([&](const line_server::request& asked) {
-        return hangs_up && asked.method == "watch" ? line_server::hang_up : tree_.answer(asked);
+    const auto hangs_up = std::make_shared<std::atomic<bool>>(false);
+    serve_answers([this, hangs_up](const line_server::request& asked) {
+        return *hangs_up && asked.method == "watch" ? line_server::hang_up : tree_.answer(asked);
     });
     ASSERT_TRUE(becomes("handler/alive", "1"));
     const auto node = db_.find_leaf_node("handler/alive");
-    hangs_up = true;
+    *hangs_up = true;
     server_->drop_connections();
     ASSERT_TRUE(eventually([&] { return server_->accepted_connections() >= 4; }));
     EXPECT_EQ(local("handler/alive"), "1");
     tree_.set_value("alive", "2");
-    hangs_up = false;
+    *hangs_up = false;
     EXPECT_TRUE(becomes("handler/alive", "2"));
     EXPECT_EQ(db_.find_leaf_node("handler/alive"), node);
     EXPECT_EQ(complaints(), strings{});

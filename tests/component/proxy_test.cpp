@@ -170,24 +170,24 @@ TEST_F(Proxy, ValueForANodeThatWasRemovedIsDroppedWithALine) {
 
 TEST_F(Proxy, UpdateCallbackIsCalledAfterEachValue) {
     const auto ready = publish<bool>("data/ready", true);
-    test::recorded_texts seen;
-    proxy_->on_update("module/ready", [&] { seen.add(local("module/ready")); });
+    const auto seen = std::make_shared<test::recorded_texts>();
+    proxy_->on_update("module/ready", [this, seen] { seen->add(local("module/ready")); });
     subscribe<status<bool>, bool>("data/ready", "module/ready");
-    ASSERT_TRUE(eventually([&] { return seen.all() == strings{"true"}; }));
+    ASSERT_TRUE(eventually([&] { return seen->all() == strings{"true"}; }));
     ready->set(false);
-    EXPECT_TRUE(eventually([&] { return seen.all() == (strings{"true", "false"}); }));
+    EXPECT_TRUE(eventually([&] { return seen->all() == (strings{"true", "false"}); }));
 }
 
 TEST_F(Proxy, UpdateCallbackOfARemovedNodeIsNotCalled) {
     const auto ready = publish<bool>("data/ready", true);
-    std::atomic<int> calls{0};
-    proxy_->on_update("module/ready", [&] { ++calls; });
+    const auto calls = std::make_shared<std::atomic<int>>(0);
+    proxy_->on_update("module/ready", [calls] { ++*calls; });
     subscribe<status<bool>, bool>("data/ready", "module/ready");
-    ASSERT_TRUE(eventually([&] { return calls == 1; }));
+    ASSERT_TRUE(eventually([&] { return *calls == 1; }));
     db_.remove_node("module/ready");
     ready->set(false);
     ASSERT_TRUE(eventually([&] { return lines_of("dh_proxy/node") == 1; }));
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(*calls, 1);
 }
 
 TEST_F(Proxy, EmptyUpdateCallbackIsAsNone) {
@@ -199,31 +199,31 @@ TEST_F(Proxy, EmptyUpdateCallbackIsAsNone) {
 
 TEST_F(Proxy, WatchOfAPathCallsBackAndMakesNoNode) {
     const auto power = publish_float("data/power", 1.5F);
-    test::recorded_texts seen;
+    const auto seen = std::make_shared<test::recorded_texts>();
     proxy_->subscribe<float>(client_, "data/power", "module/power",
-                             [&](float value) { seen.add(fmt::format("{}", value)); });
-    ASSERT_TRUE(eventually([&] { return seen.all() == strings{"1.5"}; }));
+                             [seen](float value) { seen->add(fmt::format("{}", value)); });
+    ASSERT_TRUE(eventually([&] { return seen->all() == strings{"1.5"}; }));
     power->push(2.5F);
-    EXPECT_TRUE(eventually([&] { return seen.all() == (strings{"1.5", "2.5"}); }));
+    EXPECT_TRUE(eventually([&] { return seen->all() == (strings{"1.5", "2.5"}); }));
     EXPECT_EQ(local_paths(), strings{});
 }
 
 TEST_F(Proxy, SecondSubscribeReplacesTheSubscriberAndKeepsTheNode) {
     const auto ready = publish<bool>("data/ready", true);
-    test::recorded_texts seen;
-    proxy_->on_update("module/ready", [&] { seen.add(local("module/ready")); });
+    const auto seen = std::make_shared<test::recorded_texts>();
+    proxy_->on_update("module/ready", [this, seen] { seen->add(local("module/ready")); });
     subscribe<status<bool>, bool>("data/ready", "module/ready");
-    ASSERT_TRUE(eventually([&] { return seen.all() == strings{"true"}; }));
+    ASSERT_TRUE(eventually([&] { return seen->all() == strings{"true"}; }));
     const auto node = db_.find_leaf_node("module/ready");
 
     subscribe<status<bool>, bool>("data/ready", "module/ready");
-    ASSERT_TRUE(eventually([&] { return seen.all().size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return seen->all().size() == 2; }));
     EXPECT_EQ(db_.find_leaf_node("module/ready"), node);
     const auto observer = observe("data/ready");
     ASSERT_TRUE(eventually([&] { return observer->has("value data/ready true"); }));
     ready->set(false);
     ASSERT_TRUE(eventually([&] { return observer->has("value data/ready false"); }));
-    EXPECT_EQ(seen.all(), (strings{"true", "true", "false"}));
+    EXPECT_EQ(seen->all(), (strings{"true", "true", "false"}));
 }
 
 TEST_F(Proxy, SecondSubscribeMayBeOnAnotherRemotePath) {
@@ -246,15 +246,15 @@ TEST_F(Proxy, ErrorOfTheHandlerIsLoggedAndTheValueKept) {
     const auto power = publish_float("data/power", 1.5F);
     subscribe<float_node, float>("data/power", "module/power");
     ASSERT_TRUE(becomes("module/power", "1.5"));
-    std::atomic<int> calls{0};
-    proxy_->on_update("module/power", [&] { ++calls; });
+    const auto calls = std::make_shared<std::atomic<int>>(0);
+    proxy_->on_update("module/power", [calls] { ++*calls; });
     keep(float_node::create(remote(), "data/dark"));
     proxy_->subscribe<float_node, float>(client_, "data/dark", "module/power");
     EXPECT_TRUE(eventually([&] {
         return has_logged(3, "dh_proxy/exception_event", "data/dark: Value has not been set");
     }));
     EXPECT_EQ(local("module/power"), "1.5");
-    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(*calls, 0);
 }
 
 TEST_F(Proxy, EndOfTheSubscriptionIsLoggedAndTheValueKept) {
@@ -318,16 +318,16 @@ TEST_F(Proxy, FloatBeyondItsRangeIsDroppedAndTheValueKept) {
 TEST_F(Proxy, ValueAfterTheProxyHasGoneIsDropped) {
     const auto ready = publish<bool>("data/ready", true);
     auto other = std::make_shared<dh::util::proxy>(db_, &main_mutex_);
-    test::recorded_texts seen;
-    other->on_update("module/ready", [&] { seen.add("update"); });
+    const auto seen = std::make_shared<test::recorded_texts>();
+    other->on_update("module/ready", [seen] { seen->add("update"); });
     other->subscribe<status<bool>, bool>(client_, "data/ready", "module/ready");
-    ASSERT_TRUE(eventually([&] { return seen.has("update"); }));
+    ASSERT_TRUE(eventually([&] { return seen->has("update"); }));
     other.reset();
     const auto observer = observe("data/ready");
     ready->set(false);
     ASSERT_TRUE(eventually([&] { return observer->has("value data/ready false"); }));
     EXPECT_EQ(local("module/ready"), "true");
-    EXPECT_EQ(seen.all(), strings{"update"});
+    EXPECT_EQ(seen->all(), strings{"update"});
 }
 
 TEST_F(Proxy, FloatThatTwoThreadsSubscribeAtOnceHasOneNodeThatGetsTheValue) {
@@ -346,8 +346,8 @@ TEST_F(Proxy, FloatThatTwoThreadsSubscribeAtOnceHasOneNodeThatGetsTheValue) {
 
 TEST_F(Proxy, SubscribeFromSeveralThreadsLeavesOneSubscriberForEachPath) {
     const auto count = publish<std::string>("data/name", "a");
-    std::atomic<int> calls{0};
-    proxy_->on_update("module/name", [&] { ++calls; });
+    const auto calls = std::make_shared<std::atomic<int>>(0);
+    proxy_->on_update("module/name", [calls] { ++*calls; });
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&] {
@@ -359,10 +359,10 @@ TEST_F(Proxy, SubscribeFromSeveralThreadsLeavesOneSubscriberForEachPath) {
     ASSERT_TRUE(becomes("module/name", R"("a")"));
     const auto observer = observe("data/name");
     ASSERT_TRUE(eventually([&] { return observer->has(R"(value data/name "a")"); }));
-    calls = 0;
+    *calls = 0;
     count->set("b");
     ASSERT_TRUE(eventually([&] { return observer->has(R"(value data/name "b")"); }));
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(*calls, 1);
 }
 
 }  // namespace

@@ -285,18 +285,18 @@ TEST_F(TreeMirror, SettingThatWasNeverSetIsEmptyAndSendsNoFirstEvent) {
 }
 
 TEST_F(TreeMirror, UpdateCallbackFiresForStatusFloatAndSetting) {
-    test::recorded_texts seen;
+    const auto seen = std::make_shared<test::recorded_texts>();
     for (const char* path : {"handler/data/ready", "handler/data/level", "handler/control/gain"})
-        proxy_->on_update(path, [&seen, path, this] { seen.add(path + (" " + local(path))); });
+        proxy_->on_update(path, [seen, path, this] { seen->add(path + (" " + local(path))); });
     publish<bool>("data/ready", true);
     publish_float("data/level", 1.5F);
     keep(dh::api::create_node<clamping_setting>(remote(), "control/gain"));
     mirror();
     EXPECT_TRUE(eventually([&] {
-        return seen.has("handler/data/ready true") && seen.has("handler/data/level 1.5") &&
-               seen.has("handler/control/gain 5.0");
+        return seen->has("handler/data/ready true") && seen->has("handler/data/level 1.5") &&
+               seen->has("handler/control/gain 5.0");
     }));
-    EXPECT_EQ(seen.all().size(), 3U);
+    EXPECT_EQ(seen->all().size(), 3U);
 }
 
 TEST_F(TreeMirror, AccessWhileTheHandlerIsAwayIsRefused) {
@@ -347,8 +347,8 @@ TEST_F(TreeMirror, ExcludedPathKeepsTheNodeOfItsOwner) {
 
 TEST_F(TreeMirror, ExplicitSubscriptionOfAnOwnerOnAnExcludedPathWorks) {
     proxy_->exclude("handler/data/level");
-    std::atomic<int> calls{0};
-    proxy_->on_update("handler/data/level", [&] { ++calls; });
+    const auto calls = std::make_shared<std::atomic<int>>(0);
+    proxy_->on_update("handler/data/level", [calls] { ++*calls; });
     const auto level = publish_float("data/level", 1.5F);
     connection_->on_mirrored = [this](const auto& client) {
         proxy_->subscribe<float_node, float>(client, "data/level", "handler/data/level");
@@ -356,38 +356,38 @@ TEST_F(TreeMirror, ExplicitSubscriptionOfAnOwnerOnAnExcludedPathWorks) {
     mirror();
     ASSERT_TRUE(becomes("handler/data/level", "1.5"));
     settle();
-    calls = 0;
+    *calls = 0;
     level->push(2.5F);
     ASSERT_TRUE(becomes("handler/data/level", "2.5"));
     settle();
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(*calls, 1);
 }
 
 TEST_F(TreeMirror, ExcludedPathWithoutANodeIsFilledAndFiresItsCallback) {
     proxy_->exclude("handler/present");
-    test::recorded_texts seen;
-    proxy_->on_update("handler/present", [&] { seen.add(local("handler/present")); });
+    const auto seen = std::make_shared<test::recorded_texts>();
+    proxy_->on_update("handler/present", [this, seen] { seen->add(local("handler/present")); });
     const auto present = publish<bool>("present", true);
     mirror();
-    ASSERT_TRUE(eventually([&] { return seen.all() == strings{"true"}; }));
+    ASSERT_TRUE(eventually([&] { return seen->all() == strings{"true"}; }));
     present->set(false);
-    EXPECT_TRUE(eventually([&] { return seen.all() == (strings{"true", "false"}); }));
+    EXPECT_TRUE(eventually([&] { return seen->all() == (strings{"true", "false"}); }));
 }
 
 // The owner of a "present" path clears it at a disconnect.
 TEST_F(TreeMirror, ExcludedPathThatItsOwnerClearedIsFilledAgainOnReturn) {
     proxy_->exclude("handler/present");
-    test::recorded_texts seen;
-    proxy_->on_update("handler/present", [&] { seen.add(local("handler/present")); });
+    const auto seen = std::make_shared<test::recorded_texts>();
+    proxy_->on_update("handler/present", [this, seen] { seen->add(local("handler/present")); });
     publish<bool>("present", true);
     mirror();
-    ASSERT_TRUE(eventually([&] { return seen.all() == strings{"true"}; }));
+    ASSERT_TRUE(eventually([&] { return seen->all() == strings{"true"}; }));
     lose_handler();
     (*proxy_->get_path_node<dh::api::status_value<bool>>("handler/present"))->set(false);
     start_handler();
     publish<bool>("present", true);
     EXPECT_TRUE(becomes("handler/present", "true"));
-    EXPECT_TRUE(eventually([&] { return seen.all() == (strings{"true", "true"}); }));
+    EXPECT_TRUE(eventually([&] { return seen->all() == (strings{"true", "true"}); }));
 }
 
 TEST_F(TreeMirror, NodeThatSomebodyElseMadeIsGivenTheValuesOfItsKind) {
@@ -609,8 +609,8 @@ TEST_F(TreeMirror, FirstValueInErrorMakesNoStatusNodeAndIsForgottenAtTheNextGood
 }
 
 TEST_F(TreeMirror, NoNodeAndNoSubscriberIsDoubledByReconnections) {
-    std::atomic<int> updates{0};
-    proxy_->on_update("handler/data/ready", [&] { ++updates; });
+    const auto updates = std::make_shared<std::atomic<int>>(0);
+    proxy_->on_update("handler/data/ready", [updates] { ++*updates; });
     publish<bool>("data/ready", true);
     publish_setting();
     publish_volatile();
@@ -630,7 +630,7 @@ TEST_F(TreeMirror, NoNodeAndNoSubscriberIsDoubledByReconnections) {
     EXPECT_EQ(db_.find_leaf_node("handler/data/ready"), node);
     const auto ready = publish<bool>("data/ready2", true);
     settle();
-    EXPECT_EQ(updates, 6);
+    EXPECT_EQ(*updates, 6);
     EXPECT_EQ(lines_of("dh_db"), 0U);
 }
 
