@@ -32,18 +32,28 @@ class running_poll {
     template <class Function, class Action>
     void between_polls(const Function& each_second, const Action& action) {
         std::unique_lock lock(mutex_);
-        ++waiting_;
+        const turn taken(*this);
         while (is_running_) {
             each_second();
             changed_.wait_for(lock, host::real_duration(std::chrono::seconds(1)),
                               [this] { return !is_running_; });
         }
         action();
-        --waiting_;
-        changed_.notify_all();
     }
 
   private:
+    // Keeps the next poll from beginning; made and ended under the mutex.
+    struct turn {
+        explicit turn(running_poll& poll_) : poll(poll_) { ++poll.waiting_; }
+        ~turn() {
+            --poll.waiting_;
+            poll.changed_.notify_all();
+        }
+        turn(const turn&) = delete;
+        turn& operator=(const turn&) = delete;
+        running_poll& poll;
+    };
+
     std::mutex mutex_;
     std::condition_variable changed_;
     bool is_running_ = false;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <future>
+#include <stdexcept>
 
 using namespace std::chrono_literals;
 using test::eventually;
@@ -71,6 +72,15 @@ TEST(RunningPoll, NextPollThatBeginsAtOnceLetsTheOneWhoWaitsGoFirst) {
     poll.end();
     EXPECT_FALSE(poll.begin_if([&] { return !other.acted; }));
     other.waiting.get();
+}
+
+TEST(RunningPoll, ActionThatThrowsLetsTheNextPollBegin) {
+    running_poll poll;
+    EXPECT_THROW(poll.between_polls([] {}, [] { throw std::runtime_error("refused"); }),
+                 std::runtime_error);
+    auto next = std::async(std::launch::async, [&] { return poll.begin_if(always); });
+    EXPECT_TRUE(next.get());
+    poll.end();
 }
 
 TEST(RunningPoll, LongWaitIsToldOfAgain) {
