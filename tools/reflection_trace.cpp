@@ -22,9 +22,26 @@ bool is_true(const json::value* flag) {
     return flag != nullptr && flag->IsBool() && flag->GetBool();
 }
 
-bool is_nearer(const reflection_trace& to, std::int64_t from, std::size_t one, std::size_t other) {
-    return std::abs(to.reflections[one].distance - from) <
-           std::abs(to.reflections[other].distance - from);
+// Two reflections that may be the same one, by their places in the traces.
+struct candidate_pair {
+    std::size_t measured;
+    std::size_t reference;
+    std::int64_t apart;  // m
+};
+
+std::vector<candidate_pair> pairs_from_the_nearest(const reflection_trace& measured,
+                                                   const reflection_trace& reference) {
+    std::vector<candidate_pair> pairs;
+    for (std::size_t i = 0; i < measured.reflections.size(); ++i) {
+        for (std::size_t k = 0; k < reference.reflections.size(); ++k) {
+            const std::int64_t apart =
+                std::abs(measured.reflections[i].distance - reference.reflections[k].distance);
+            if (apart <= match_limit)
+                pairs.push_back({i, k, apart});
+        }
+    }
+    std::ranges::stable_sort(pairs, {}, &candidate_pair::apart);
+    return pairs;
 }
 
 // What has changed since the reference point, for people.
@@ -82,21 +99,15 @@ std::optional<reflection_trace> trace_from(const json::value& measurement) {
 
 std::vector<trace_comparison> compare(const reflection_trace& measured,
                                       const reflection_trace& reference) {
-    std::vector<bool> is_taken(reference.reflections.size(), false);
     std::vector<trace_comparison> all;
-    for (const trace_reflection& each : measured.reflections) {
-        std::optional<std::size_t> nearest;
-        for (std::size_t i = 0; i < reference.reflections.size(); ++i) {
-            const bool is_near =
-                std::abs(reference.reflections[i].distance - each.distance) <= match_limit;
-            if (!is_taken[i] && is_near &&
-                (!nearest || is_nearer(reference, each.distance, i, *nearest)))
-                nearest = i;
-        }
-        if (nearest)
-            is_taken[*nearest] = true;
-        all.push_back(
-            {each, nearest ? std::optional(reference.reflections[*nearest]) : std::nullopt});
+    for (const trace_reflection& each : measured.reflections)
+        all.push_back({each, std::nullopt});
+    std::vector<bool> is_taken(reference.reflections.size(), false);
+    for (const candidate_pair& pair : pairs_from_the_nearest(measured, reference)) {
+        if (all[pair.measured].reference || is_taken[pair.reference])
+            continue;
+        all[pair.measured].reference = reference.reflections[pair.reference];
+        is_taken[pair.reference] = true;
     }
     for (std::size_t i = 0; i < reference.reflections.size(); ++i) {
         if (!is_taken[i])

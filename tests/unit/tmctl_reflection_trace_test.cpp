@@ -81,6 +81,19 @@ TEST(ReflectionTrace, EachReflectionOfTheReferencePointIsMatchedOnce) {
     EXPECT_FALSE(all[2].reference);
 }
 
+TEST(ReflectionTrace, NearestReflectionsAreMatchedWhateverTheirOrder) {
+    const auto added =
+        tmctl::compare({0, 0, {{940, false}, {1000, false}}}, {0, 0, {{1000, false}}});
+    ASSERT_THAT(added, SizeIs(2));
+    EXPECT_FALSE(added[0].reference);
+    EXPECT_TRUE(added[1].reference);
+    const auto moved = tmctl::compare({0, 0, {{1040, false}, {1060, false}}},
+                                      {0, 0, {{1000, false}, {1060, false}}});
+    ASSERT_THAT(moved, SizeIs(2));
+    EXPECT_EQ(moved[0].reference->distance, 1000);
+    EXPECT_EQ(moved[1].reference->distance, 1060);
+}
+
 TEST(ReflectionTrace, PictureShowsTheSpanToItsEndWithGhostsMarked) {
     EXPECT_THAT(
         trace_picture({0, 63'000, {{0, false}, {1000, false}, {2000, true}, {63'000, false}}},
