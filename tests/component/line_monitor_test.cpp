@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -107,6 +108,17 @@ class LineMonitor : public testing::Test {
         ASSERT_TRUE(eventually([&] { return link_events() > before; }));
     }
 
+    // Whatever the events so far and the ticks bring about has been done then.
+    void let_events_and_ticks_go_by() {
+        const float other = span_length_of() + 1.0F;
+        osc_->set("data/fiberLength", other);
+        ASSERT_TRUE(eventually([&] { return span_length_of() == other; }));
+        const std::size_t before = ticks();
+        ASSERT_TRUE(eventually([&] { return ticks() >= before + 3; }));
+    }
+    // Each asks for the names of both interfaces, which the handler cannot tell.
+    std::size_t ticks() const { return system_info_->requests().size() / 2; }
+
     std::size_t link_events() const {
         const auto texts = log_.texts();
         return static_cast<std::size_t>(std::count_if(
@@ -166,6 +178,24 @@ TEST_F(LineMonitor, NodesStandBeforeTheFirstEvent) {
     for (const char* path :
          {"length", "dispersion", "osc/linkStatus", "osc/state", "osc/rx/power", "osc/tx/power"})
         EXPECT_FALSE(server_->db().contains(line + path)) << path;
+}
+
+TEST_F(LineMonitor, FiguresHaveLimitsAndTextsHaveNone) {
+    const auto filter_of = [this](const std::string& path) {
+        const json::document info = test::parsed(test::info(*server_->db().find_leaf_node(path)));
+        return json::to_text(info["hysteresis"]);
+    };
+    for (const char* path :
+         {"osc/attenuation", "osc/loss", "remoteDispersion", "osc/remoteLoss",
+          "osc/remoteAttenuation", "remoteLength", "osc/rx/remotePower", "osc/tx/remotePower"})
+        EXPECT_EQ(filter_of(line + path),
+                  R"({"function":"default","ImmediateLimit":"0.09","delayedLimit":"0.05",)"
+                  R"("delayCycles":10,"pollInterval":1000})")
+            << path;
+    for (const char* path :
+         {"hostname", "osc/rx/interfaceName", "osc/tx/interfaceName", "remoteHostname",
+          "osc/rx/remoteInterfaceName", "osc/tx/remoteInterfaceName"})
+        EXPECT_EQ(filter_of(line + path), R"({"function":"equal","pollInterval":1000})") << path;
 }
 
 TEST_F(LineMonitor, PathsOfTheLineAreKeptOutOfMirrors) {
@@ -238,11 +268,10 @@ TEST_F(LineMonitor, LossAsksTheFarEndFirst) {
 TEST_F(LineMonitor, InterfaceNamesAreReadOnceAndStay) {
     system_info_->set("data/locationIndex", "1");
     EXPECT_EQ(monitor_->get_local_rx_name(), "if-1/1/2-rx");
+    EXPECT_EQ(monitor_->get_local_tx_name(), "if-1/1/2-tx");
     system_info_->set("data/locationIndex", "2");
-    EXPECT_EQ(monitor_->get_local_tx_name(), "if-1/2/2-tx");
-    system_info_->set("data/locationIndex", "3");
     EXPECT_EQ(monitor_->get_local_rx_name(), "if-1/1/2-rx");
-    EXPECT_EQ(monitor_->get_local_tx_name(), "if-1/2/2-tx");
+    EXPECT_EQ(monitor_->get_local_tx_name(), "if-1/1/2-tx");
 }
 
 TEST_F(LineMonitor, InterfaceNameThatCannotBeReadIsReadAgain) {
@@ -297,6 +326,7 @@ TEST_F(LineMonitor, LinkThatIsNotReadyAsksForNoNeighbour) {
         eventually([this] { return status_at<std::string>(line + "osc/state") == "booting"; }));
     link_up(test::far_end::address);
     EXPECT_THAT(own_lines(6), Contains("msg: OSC event link: up, state: booting"));
+    let_events_and_ticks_go_by();
     EXPECT_EQ(reads_of_the_neighbour(), 0);
     EXPECT_TRUE(has_lost_the_far_end());
 }
@@ -316,6 +346,7 @@ TEST_F(LineMonitor, NeighbourThatIsUnknownIsAskedForAtTheNextEventOnly) {
     test::far_end distant;
     distant.publish(rx_power, -7.5F);
     osc_->set("data/neighbour", test::far_end::address);
+    let_events_and_ticks_go_by();
     EXPECT_TRUE(has_lost_the_far_end());
     EXPECT_EQ(reads_of_the_neighbour(), 1);
     osc_->set("data/debug/state", "busy");
@@ -326,7 +357,9 @@ TEST_F(LineMonitor, NeighbourThatIsUnknownIsAskedForAtTheNextEventOnly) {
 
 TEST_F(LineMonitor, NeighbourThatCannotBeReachedIsLoggedAndTriedAtTheNextEvent) {
     measure(20.0F);
-    link_up("::1%lo");  // nobody listens there
+    test::far_end nobody;
+    nobody.stop();
+    link_up(test::far_end::address);
     ASSERT_TRUE(eventually([this] { return !own_lines(3).empty(); }));
     EXPECT_THAT(own_lines(3).front(), StartsWith("msg: Caught exception: "));
     EXPECT_TRUE(has_lost_the_far_end());
@@ -426,7 +459,8 @@ TEST_F(LineWithFarEnd, LinkThatIsSeenUpTwiceIsOneConnection) {
     osc_->start();
     monitor_->on_disconnect_osc();
     monitor_->on_connect_osc();  // all that is subscribed tells its value again
-    ASSERT_TRUE(eventually([&] { return link_events() > before; }));
+    // The second line comes after all that the first event has brought about.
+    ASSERT_TRUE(eventually([&] { return link_events() >= before + 2; }));
     EXPECT_TRUE(is_connected());
     EXPECT_EQ(reads_of_the_neighbour(), 1);
 }
@@ -536,6 +570,25 @@ TEST_F(LineTransceiver, RestartOfItsHandlerIsNeitherRemovalNorInsertion) {
     sfp_->set("data/rxPower", -9.0F);
     EXPECT_TRUE(eventually([this] { return power_at(rx_power) == -9.0F; }));
     EXPECT_THAT(own_lines(6), ElementsAre(subscribed_, subscribed_));
+}
+
+TEST_F(LineMonitor, TransceiverThatWasNeverThereIsRemovedAtItsFirstEvent) {
+    sfp_->set("present", false);
+    monitor_->on_connect_sfp();
+    EXPECT_TRUE(eventually([this] { return log_.count("msg: sfp/2 was removed.") == 1; }));
+    EXPECT_EQ(log_.count("msg: sfp/2 was inserted."), 0U);
+}
+
+TEST_F(LineMonitor, TransceiverIsSubscribedOnlyAfterItsHandlerHasSettled) {
+    sfp_->set("present", true);
+    time_.close();
+    auto connecting = std::async(std::launch::async, [this] { monitor_->on_connect_sfp(); });
+    ASSERT_TRUE(time_.comes_to_rest());
+    EXPECT_THAT(sfp_->requests(), IsEmpty());
+    EXPECT_EQ(log_.count("msg: Event subscribe_sfp_paths on sfp/2"), 0U);
+    time_.open();
+    connecting.get();
+    EXPECT_TRUE(eventually([this] { return status_at<bool>(present) == true; }));
 }
 
 TEST_F(LineMonitor, LossOfATransceiversHandlerThatNeverCameChangesNothing) {

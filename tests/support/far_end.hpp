@@ -24,7 +24,8 @@ class far_end {
     // As the supervisory channel reports the neighbour's address.
     static constexpr const char* address = "::1%lo";
 
-    // Waits for its turn: there is one such port on a machine.
+    // Waits for its turn: there is one such port on a machine. Who needs it to be
+    // free takes the turn too, and stops.
     far_end() : turn_(::open(lock_file().c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666)) {
         if (turn_ < 0 || ::flock(turn_, LOCK_EX) != 0)
             throw std::system_error(errno, std::generic_category(), lock_file());
