@@ -180,6 +180,7 @@ TEST_F(Led, NoOtherLedIsSetBeforeTheStart) {
     create();
     time_.let_pass(1s);
     ASSERT_TRUE(eventually([&] { return time_.sleeps().size() == 1; }));
+    EXPECT_FALSE(time_.comes_to_rest(1s));  // waits for the start, and not for the next pass
     EXPECT_EQ(requests_.all().size(), 2U);
     led_->start();
     ASSERT_TRUE(time_.comes_to_rest());
@@ -215,6 +216,15 @@ TEST_F(Led, AmplifierVariantIsAskedForBeforeTheOthers) {
     create();
     led_->start();
     EXPECT_EQ(writes(pass()).size(), 3U);
+    EXPECT_THAT(failures(), IsEmpty());
+}
+
+TEST_F(Led, VariantOfOnePortIsAskedForBeforeThatOfTwo) {
+    test::put_file("/proc/device-tree/compatible", std::string("velt,mx47\0velt,t47\0", 20));
+    create();
+    led_->start();
+    const strings requests = pass();
+    EXPECT_THAT(requests, testing::Contains("wss_edge read data/wss/channel/1/port"));
     EXPECT_THAT(failures(), IsEmpty());
 }
 

@@ -232,7 +232,7 @@ TEST_F(Daemon, WaitsForALateLedHandler) {
     led_velt_.reset();
     become_ready_k47();
     start();
-    ASSERT_TRUE(eventually_logs("msg: Traffic manager initialized"));
+    ASSERT_TRUE(eventually_logs("msg: Starting Cloopl"));
     led_velt_.emplace("/tmp/device_handlers/led_velt");
     EXPECT_TRUE(eventually([this] { return led_velt_->requests().size() >= 2; }));
     EXPECT_EQ(led_velt_->requests()[0], R"(write config/powerLed/status="green")");

@@ -85,7 +85,7 @@ TEST_F(Reflections, MeasurementOfATransceiverThatIsPulledMeanwhileFails) {
 }
 
 TEST_F(Reflections, LightThatIsLostDuringAMeasurementLeavesItWithoutALength) {
-    hands_->set<void>("sim/interface/2/otdr/measuringTime", 20.0F);
+    hands_->set<void>("sim/interface/2/otdr/measuringTime", 200.0F);
     auto measurement = std::async(std::launch::async, [] { return tmctl({"otdr", "measure"}); });
     EXPECT_EQ(measurement.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
     hands_->set<void>("sim/line/cutDistance", 8000.0F);
