@@ -3,15 +3,22 @@
 #include "control_tree_fixture.hpp"
 #include "eventually.hpp"
 #include "expected_control_tree.hpp"
+#include "node_access.hpp"
+#include "recording_session.hpp"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 using test::description_of;
 using test::eventually;
@@ -233,6 +240,9 @@ class ControlTreeOfTwoPorts : public ControlTree {
             proxy_->value_group().tick();
     }
 
+    // Regulator ports and channels of which the tests give light to.
+    const std::vector<std::pair<unsigned, unsigned>> places_{{0, 3}, {0, 4}, {1, 3}, {1, 4}};
+
     // The text of the error of a read, or nothing.
     std::string error_of_read(const std::string& path) {
         try {
@@ -295,6 +305,86 @@ TEST_F(ControlTreeOfTwoPorts, ChannelThreeOfPathPortTwoIsThatOfTheSecondRegulato
     EXPECT_EQ(read<std::string>(data + "/portMode"), "on");
     EXPECT_EQ(read<float>(data + "/defaultAttenuation"), 9.5F);
     EXPECT_EQ(read<std::string>("control/data/port/1/channel/3/portMode"), "off");
+}
+
+TEST_F(ControlTreeOfTwoPorts, MeasuredPowersAreThoseOfTheirPortAndChannel) {
+    booster_->set("data/enable", true);
+    for (const auto& [port, channel] : places_) {
+        const std::string monitor = fmt::format("data/ocm/{}/channel/{}", port + 1, channel);
+        const std::string wss = fmt::format("data/wss/{}/channel/{}", port + 1, channel);
+        wss_->set(monitor + "/detected", true);
+        wss_->set(monitor + "/powerLevel",
+                  -20.0F - 3.0F * static_cast<float>(port) - 0.5F * static_cast<float>(channel));
+        wss_->set(monitor + "/id", 200 + static_cast<int>(channel));
+        wss_->set(wss + "/port", "on");
+        wss_->set(wss + "/attenuation", 6.0 + port + channel);
+    }
+    create_loop();
+    loop_->set_mx47_ocm_power_offset_value(18.5F);
+    loop_->set_configDone(true);
+    time_.open();
+    ASSERT_TRUE(eventually([&] {
+        std::set<float> seen{loop_->get_mx47_ocm_tx_power_channel(0, 48)};
+        for (const auto& [port, channel] : places_)
+            seen.insert(loop_->get_mx47_ocm_tx_power_channel(port, channel));
+        return seen.size() == places_.size() + 1;
+    }));
+    time_.close();
+    ASSERT_TRUE(time_.comes_to_rest());
+    tick(7);
+    for (const auto& [port, channel] : places_) {
+        const std::string data = fmt::format("control/data/port/{}/channel/{}/", port + 1, channel);
+        const std::vector<float> expected{loop_->get_rxPower(port, channel),
+                                          loop_->get_txPower(port, channel),
+                                          loop_->get_mx47_ocm_rx_power_channel(port, channel),
+                                          loop_->get_mx47_ocm_tx_power_channel(port, channel)};
+        // Two of them are one power, but not the same two at both ports.
+        EXPECT_EQ(std::set<float>(expected.begin(), expected.end()).size(), 3U) << data;
+        const std::vector<float> shown{read<float>(data + "rxPower"), read<float>(data + "txPower"),
+                                       read<float>(data + "ocmRxPower"),
+                                       read<float>(data + "ocmTxPower")};
+        EXPECT_EQ(shown, expected) << data;
+    }
+}
+
+TEST_F(ControlTreeOfTwoPorts, AlarmIsTheFirstNodeAndTheGateOfTheLoopsTheLast) {
+    const auto session = std::make_shared<test::recording_session>();
+    server_->db().watch("control", session, [](const auto&) {});
+    create_loop();
+    std::vector<std::string> added;
+    for (const std::string& event : session->events()) {
+        const json::document parsed = test::parsed(event);
+        if (std::string_view(parsed["event"].GetString()) == "added")
+            added.emplace_back(parsed["path"].GetString());
+    }
+    server_->db().unwatch_all(session);
+    ASSERT_EQ(added.size(), expected_mx47_tree().size());
+    EXPECT_EQ(added.front(), "control/alarms/combinedModeAlarm/severity");
+    EXPECT_EQ(added[1], "control/data/debug/configDone");
+    EXPECT_EQ(added.back(), "control/config/dhReady");
+    const std::string channel = "control/data/port/1/channel/1/";
+    const auto first = std::find(added.begin(), added.end(), channel + "wantedPower");
+    ASSERT_GE(added.end() - first, 8);
+    EXPECT_EQ(std::vector<std::string>(first, first + 8),
+              (std::vector<std::string>{channel + "wantedPower", channel + "opticalControlMode",
+                                        channel + "rxPower", channel + "ocmRxPower",
+                                        channel + "ocmTxPower", channel + "txPower",
+                                        channel + "portMode", channel + "defaultAttenuation"}));
+}
+
+// Created as an alarm and cleared at once, so its history tells of the change.
+TEST_F(ControlTreeOfTwoPorts, AlarmOfTheCombinedModeIsClearedAsItComes) {
+    create_loop();
+    const auto node = server_->db().find_leaf_node("control/alarms/combinedModeAlarm/severity");
+    const json::document info = test::parsed(test::info(*node));
+    EXPECT_EQ(info["hysteresis"]["delayCycles"].GetUint(), 1U);
+    std::vector<std::string> values;
+    for (const auto& entry : server_->db().history(dh_db::history_length)) {
+        const json::document parsed = test::parsed(*entry);
+        if (std::string_view(parsed["path"].GetString()).starts_with("control/alarms/"))
+            values.push_back(json::to_text(parsed["value"]));
+    }
+    EXPECT_EQ(values, std::vector<std::string>{"0"});
 }
 
 TEST_F(ControlTreeOfTwoPorts, SettingsOfAPortLeaveTheOtherPortAlone) {

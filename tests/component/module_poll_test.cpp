@@ -116,6 +116,17 @@ TEST_F(ModulePoll, CardWithoutANameInTheStoreLeavesTheAlarmAsItIs) {
     expect_eventually("connecting", 1);
 }
 
+// The limit of the neighbour is read, and then not used.
+TEST_F(ModulePoll, EqPortIsRegulatedForTwentyDecibelsWhateverTheNeighboursLimit) {
+    create_loop();
+    loop_->set_mx47_k47_booster_power_limit(25.0F);
+    loop_->set_mx47_k47_combo_flag_nosave("enabled");
+    EXPECT_EQ(loop_->get_mx47_k47_booster_power_limit(), 25.0F);
+    loop_->set_configDone(true);
+    time_.open();
+    EXPECT_TRUE(eventually([this] { return loop_->get_mx47_k47_booster_power_limit() == 20.0F; }));
+}
+
 TEST_F(ModulePoll, AlarmFollowsTheSlot) {
     put_in_store("2", "true", "VLT-Q-K47");
     poll_in_combined_mode();

@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -162,12 +163,22 @@ TEST_F(NeighbourSlot, NeighbourIsReadSwitchedOffAndMissedWhenItDies) {
     start_daemon();
     switch_mode("enabled");
     ASSERT_TRUE(comes_to({"ok", 0, true, true})) << now();
+    for (const char* line : {"7 tm_velt_cloop msg: No neighbour modules. Attempting reconnect. [",
+                             "7 tm_velt_cloop msg: Connected to neighbour Booster. IP: fe80::",
+                             "7 tm_velt_cloop Connected to neighbour system_info. IP: fe80::",
+                             "7 tm_velt_cloop msg: Getting K47 boosterTx parameter for MX47. ["})
+        EXPECT_EQ(times_logged(line), 1U) << line;
     EXPECT_FLOAT_EQ(shown("eq/calMonToBoosterTxK47"), k47_booster_->get<float>("data/boosterTx"));
     EXPECT_FLOAT_EQ(shown("eq/K47ActualGain"), 5.0F);
     EXPECT_TRUE(eventually([this] {
         const float gap = shown("eq/K47EdfaTxPower") - k47_booster_->get<float>("data/txPower");
         return std::abs(gap) < 0.5F;
     }));
+
+    // The EQ port is regulated only while the neighbour's booster is on.
+    k47_booster_->set<void>("config/enable", false);
+    EXPECT_TRUE(eventually_logs("mx47 k47 combined, booster is disabled on k47, "));
+    k47_booster_->set<void>("config/enable", true);
 
     // Off, and on again with the connections that are there.
     switch_mode("disabled");
@@ -240,10 +251,32 @@ TEST_F(NeighbourSlot, TwoNeighboursOnTheLinkAreNone) {
     neighbour_.bring_up("eth_second");
     start_k47();
     start_daemon();
+    configure("port/1/verbose", "true");
     switch_mode("enabled");
-    ASSERT_TRUE(comes_to({"connecting", 0, false, false})) << now();
-    EXPECT_TRUE(process_->has_logged("msg: Exception in module poll: "));
+    ASSERT_TRUE(eventually([this] { return times_logged("Traffic module not connected.") > 0; },
+                           discovery));
+    EXPECT_EQ(now(), (situation{"connecting", 0, false, false}));
+    EXPECT_TRUE(process_->has_logged("6 tm_velt_cloop msg: No neighbour modules. Attempting"));
+    EXPECT_TRUE(process_->has_logged("3 tm_velt_cloop msg: Exception in module poll: "));
     EXPECT_FALSE(process_->has_logged("Connected to neighbour"));
+    EXPECT_TRUE(std::regex_search(
+        process_->standard_error(),
+        std::regex("6 tm_velt_cloop msg: Slot neighbour IP: ->fe80::[^<\n]+fe80::[^<\n]+<-")));
+}
+
+TEST_F(NeighbourSlot, LinkWithoutANeighbourIsAnAlarmUnlessTheSlotHoldsAnAmplifierCard) {
+    neighbour_.run("ip link set eth_card down");
+    start_daemon();
+    switch_mode("enabled");
+    ASSERT_TRUE(
+        eventually([this] { return times_logged("msg: No slot neighbour.") > 0; }, discovery));
+    EXPECT_EQ(now(), (situation{"connecting", 0, false, true}));
+    put_in_slot("VLT-Q-T47");
+    ASSERT_TRUE(comes_to({"alarm", 1, false, true})) << now();
+    put_in_slot("VLT-Q-K47");
+    ASSERT_TRUE(comes_to({"connecting", 0, false, true})) << now();
+    store_.set("/v1/rows/slot/2/present", "false");
+    ASSERT_TRUE(comes_to({"alarm", 1, false, true})) << now();
 }
 
 TEST_F(NeighbourSlot, SwitchingOffWaitsForTheEndOfTheRunningPoll) {
