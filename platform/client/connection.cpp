@@ -419,18 +419,20 @@ void connection::came_up() {
         renewal_is_due_ = true;
         library_threads::instance().serve_soon(shared_from_this());
     }
-    library_threads::instance().raise([subscriber = connection_subscriber_, name = name_] {
-        if (const auto told = subscriber.lock())
-            told->connection_established_event(name);
-    });
+    library_threads::instance().raise(
+        {this, false, [subscriber = connection_subscriber_, name = name_] {
+             if (const auto told = subscriber.lock())
+                 told->connection_established_event(name);
+         }});
     changed_.notify_all();
 }
 
 void connection::raise_lost_event() {
-    library_threads::instance().raise([subscriber = connection_subscriber_, name = name_] {
-        if (const auto told = subscriber.lock())
-            told->connection_lost_event(name);
-    });
+    library_threads::instance().raise(
+        {this, true, [subscriber = connection_subscriber_, name = name_] {
+             if (const auto told = subscriber.lock())
+                 told->connection_lost_event(name);
+         }});
 }
 
 // The time of a request runs from when the one before it was answered: the

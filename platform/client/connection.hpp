@@ -139,6 +139,7 @@ class device_handler_client_base::connection
 
     void renew_subscriptions();
     void request_subscriptions(bool begins, std::vector<std::string> paths);
+    void subscriptions_failed(bool begins, const std::vector<std::string>& paths, int code);
     void forget_asked_before(const std::vector<std::string>& paths);
     void listen_for_events_locked();
     static std::string told_by(const event&);
@@ -184,4 +185,5 @@ class device_handler_client_base::connection
     recurring_complaint unasked_event_;
     recurring_complaint too_many_events_;
     recurring_complaint refused_event_;
+    recurring_complaint refused_subscriptions_;
 };

@@ -24,6 +24,9 @@ constexpr std::size_t max_kept_events = 16 * max_waiting_events;
 
 constexpr std::size_t max_logged_path = 200;
 
+// Paths of one request, of which each character may become six.
+constexpr std::size_t max_asked_bytes = std::size_t{128} << 10;
+
 std::atomic<std::uint64_t> next_watch_id{1};
 
 std::string text_member(const json::value& object, const char* key) {
@@ -44,6 +47,10 @@ bool is_error_value(const json::value& v) {
 
 std::string_view shown(std::string_view path) {
     return path.substr(0, max_logged_path);
+}
+
+std::string_view path_of(const device_handler_subscriber& subscriber) {
+    return wire::without_leading_slash(subscriber.path());
 }
 
 void write_prefix(json::writer& out, const std::string& prefix) {
@@ -92,8 +99,10 @@ class connection::subscribe_request : public device_handler_request {
         return true;
     }
 
-    // A connection that fails renews its subscriptions when it stands again.
-    void report_local_error(int, const std::string&) override {}
+    void report_local_error(int code, const std::string&) override {
+        if (const auto owner = owner_.lock())
+            owner->subscriptions_failed(begins_, paths_, code);
+    }
 
   private:
     static void tell(connection& owner, const std::string& path, event::kind what,
@@ -260,20 +269,23 @@ bool connection::queue_event(event&& came) {
 }
 
 void connection::serve_events() {
-    std::shared_ptr<link> open;
-    bool may_read = false;
     bool renew = false;
     {
         const std::lock_guard lock(mutex_);
         is_being_served_ = true;
-        open = link_;
         renew = std::exchange(renewal_is_due_, false);
+    }
+    if (renew)
+        renew_subscriptions();
+    std::shared_ptr<link> open;
+    bool may_read = false;
+    {
+        const std::lock_guard lock(mutex_);
+        open = link_;
         may_read = open && state_ == state::up && take_reading_role(*open);
         if (open && !may_read)
             open->event_thread_asked = true;
     }
-    if (renew)
-        renew_subscriptions();
     if (may_read) {
         read_once(open, milliseconds::zero());
         const std::lock_guard lock(mutex_);
@@ -425,8 +437,8 @@ void connection::add_subscribers(const subscribers& added) {
     {
         const std::lock_guard lock(mutex_);
         for (const auto& subscriber : added) {
-            subscriptions_[subscriber->path()].subscriptions.push_back({subscriber, true});
-            paths.push_back(subscriber->path());
+            paths.emplace_back(path_of(*subscriber));
+            subscriptions_[paths.back()].subscriptions.push_back({subscriber, true});
         }
         if (state_ != state::up)
             return;
@@ -441,7 +453,8 @@ void connection::remove_subscribers(const subscribers& gone) {
     {
         const std::lock_guard lock(mutex_);
         for (const auto& subscriber : gone) {
-            const auto found = subscriptions_.find(subscriber->path());
+            const std::string path(path_of(*subscriber));
+            const auto found = subscriptions_.find(path);
             if (found == subscriptions_.end())
                 continue;
             auto& left = found->second.subscriptions;
@@ -451,8 +464,8 @@ void connection::remove_subscribers(const subscribers& gone) {
                 continue;
             subscriptions_.erase(found);
             if (state_ == state::up)
-                asked_before_.insert(subscriber->path());
-            paths.push_back(subscriber->path());
+                asked_before_.insert(path);
+            paths.push_back(path);
         }
         if (state_ != state::up)
             return;
@@ -462,6 +475,7 @@ void connection::remove_subscribers(const subscribers& gone) {
 
 void connection::watch(std::string prefix, std::size_t max_nodes,
                        std::shared_ptr<device_handler_tree_watcher> watcher) {
+    prefix = std::string(wire::without_leading_slash(prefix));
     const std::uint64_t id = next_watch_id.fetch_add(1, std::memory_order_relaxed);
     {
         lock_type lock(mutex_);
@@ -514,14 +528,37 @@ void connection::renew_subscriptions() {
     request_subscriptions(true, std::move(paths));
 }
 
+// In parts of which the other side can keep all the first events. The next part
+// is asked for when those of the one before have come.
 void connection::request_subscriptions(bool begins, std::vector<std::string> paths) {
-    for (std::size_t begin = 0; begin < paths.size(); begin += wire::max_entries) {
-        const std::size_t end = std::min(begin + wire::max_entries, paths.size());
-        const auto first = paths.begin() + static_cast<std::ptrdiff_t>(begin);
-        const auto last = paths.begin() + static_cast<std::ptrdiff_t>(end);
-        send(std::make_shared<subscribe_request>(begins, std::vector<std::string>(first, last),
-                                                 weak_from_this()));
+    auto next = paths.begin();
+    while (next != paths.end()) {
+        std::vector<std::string> part;
+        std::size_t bytes = 0;
+        while (next != paths.end() && part.size() < wire::max_entries &&
+               (part.empty() || bytes + next->size() <= max_asked_bytes)) {
+            bytes += next->size();
+            part.push_back(std::move(*next++));
+        }
+        const auto request =
+            std::make_shared<subscribe_request>(begins, std::move(part), weak_from_this());
+        send(request);
+        if (next != paths.end())
+            await(*request);
     }
+}
+
+// A connection that fails renews its subscriptions when it stands again.
+void connection::subscriptions_failed(bool begins, const std::vector<std::string>& paths,
+                                      int code) {
+    const bool is_lost = code == dh_client_code::not_connected ||
+                         code == dh_client_code::connection_lost ||
+                         code == dh_client_code::timed_out;
+    if (is_lost)
+        return;
+    complain(refused_subscriptions_, "refuses to begin or end subscriptions");
+    if (!begins)
+        forget_asked_before(paths);
 }
 
 // The answer to an unsubscribe comes after the last event.

@@ -20,6 +20,9 @@ namespace {
 constexpr int retry_pause_ms = 100;
 constexpr int quiet_pause_ms = 500;
 
+// Events of one connection that wait to be told, before they cancel each other.
+constexpr std::ptrdiff_t max_waiting_of_a_connection = 32;
+
 using ready_events = std::array<epoll_event, 16>;
 
 int make_wake(int poll) {
@@ -99,9 +102,17 @@ void library_threads::serve_soon(const std::shared_ptr<connection>& served) {
     wake_up(event_wake_);
 }
 
-void library_threads::raise(std::function<void()> connection_event) {
+void library_threads::raise(connection_event raised) {
     const std::lock_guard lock(raised_mutex_);
-    raised_.push_back(std::move(connection_event));
+    const auto is_of_it = [&](const connection_event& waiting) { return waiting.of == raised.of; };
+    if (raised.is_loss && std::ranges::count_if(raised_, is_of_it) >= max_waiting_of_a_connection) {
+        const auto newest = std::find_if(raised_.rbegin(), raised_.rend(), is_of_it);
+        if (!newest->is_loss) {
+            raised_.erase(std::next(newest).base());
+            return;
+        }
+    }
+    raised_.push_back(std::move(raised));
     raised_change_.notify_one();
 }
 
@@ -174,7 +185,7 @@ void library_threads::run_events() {
 
 void library_threads::run_connection_events() {
     for (;;) {
-        std::function<void()> event;
+        connection_event event{};
         {
             std::unique_lock lock(raised_mutex_);
             raised_change_.wait(lock, [this] { return !raised_.empty(); });
@@ -182,7 +193,7 @@ void library_threads::run_connection_events() {
             raised_.pop_front();
         }
         try {
-            event();
+            event.tell();
         } catch (const std::exception& error) {
             MSG_LOG("dh_client", msg_log::failure)
                 << "msg: A connection event was not handled: " << error.what();

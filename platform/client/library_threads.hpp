@@ -35,8 +35,17 @@ class library_threads {
     // The event thread serves the connection soon.
     void serve_soon(const std::shared_ptr<connection>&);
 
-    // The connection thread runs the function, after those it was given before.
-    void raise(std::function<void()> connection_event);
+    // A connection that came up or was lost, and how its subscriber is told.
+    struct connection_event {
+        const connection* of;
+        bool is_loss;
+        std::function<void()> tell;
+    };
+    // The connection thread tells of it, after those it was given before. Of a
+    // connection that comes and goes faster than that can be told only the state
+    // in which it is goes on to be told: a return that waits and the loss after
+    // it cancel each other.
+    void raise(connection_event);
 
   private:
     library_threads();
@@ -60,7 +69,7 @@ class library_threads {
 
     std::mutex raised_mutex_;
     std::condition_variable raised_change_;
-    std::deque<std::function<void()>> raised_;
+    std::deque<connection_event> raised_;
 };
 
 }  // namespace dh::client

@@ -5,6 +5,7 @@
 #include "line_server.hpp"
 #include "log_capture.hpp"
 #include "test_root.hpp"
+#include "wire_fixture.hpp"
 
 #include <gtest/gtest.h>
 
@@ -155,6 +156,52 @@ TEST_F(ClientFailures, FullServerIsTriedAgainUntilThereIsRoom) {
     });
     EXPECT_EQ(client_of("full")->get<int>("a"), 5);
     EXPECT_GE(server.accepted_connections(), 4U);
+}
+
+// A subscriber that takes its time, and a server that crashes again and again:
+// neither the events that wait nor those of other clients grow old without bound.
+TEST_F(ClientFailures, ConnectionThatComesAndGoesFasterThanItIsToldIsToldItsLastState) {
+    const auto door = std::make_shared<test::door>();
+    const auto connection = std::make_shared<test::recording_connection>();
+    connection->on_established = [door] { door->pass(); };
+    serve("flapping",
+          [](const auto& asked) { return line_server::reply(asked, R"([{"value":5}])"); });
+    const auto client = client_of("flapping", connection);
+    ASSERT_TRUE(door->has_met(1));
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_EQ(code_of_read(*client), 0);
+        servers_.back()->drop_connections();
+        ASSERT_TRUE(eventually([&] { return code_of_read(*client) != 0; }));
+        ASSERT_TRUE(eventually([&] { return client->is_connected(); }));
+    }
+    door->open();
+    const auto other = std::make_shared<test::recording_connection>();
+    const auto other_client = client_of("flapping", other);
+    ASSERT_TRUE(eventually([&] { return other->has("established flapping"); }));
+    const strings told = connection->all();
+    EXPECT_LE(told.size(), 40U);
+    EXPECT_EQ(told.back(), "established flapping");
+}
+
+TEST_F(ClientFailures, RefusedSubscriptionsAreOneLineAndTheConnectionLasts) {
+    const test::log_capture log;
+    const line_server server(test::root() + "/refusing", [](const line_server::request& asked) {
+        if (asked.method.ends_with("subscribe"))
+            return R"({"jsonrpc":"2.0","id":)" + asked.id +
+                   R"(,"error":{"code":-32602,"message":"no"}})"
+                   "\n";
+        return line_server::reply(asked, R"([{"value":5}])");
+    });
+    const auto client = client_of("refusing");
+    for (int i = 0; i < 5; ++i) {
+        const auto subscriber = std::make_shared<test::recording_subscriber>("a");
+        client->add_subscriber(subscriber);
+        client->remove_subscriber(subscriber);
+        EXPECT_EQ(client->get<int>("b"), 5);
+    }
+    EXPECT_EQ(log.texts(),
+              strings{"msg: " + test::root() + "/refusing refuses to begin or end subscriptions"});
+    EXPECT_EQ(server.accepted_connections(), 1U);
 }
 
 // The waits of ten seconds of real time run beside each other.

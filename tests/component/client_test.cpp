@@ -403,6 +403,40 @@ TEST_F(Client, FirstEventThatTellsAnotherValueGoesToEverySubscriber) {
     EXPECT_EQ(subscribers[2]->all(), (strings{"value far 2", "value far 3"}));
 }
 
+TEST_F(Client, LeadingSlashOfASubscribedPathIsDropped) {
+    const auto subscriber = subscribe("/data/count");
+    ASSERT_TRUE(eventually([&] { return subscriber->has("value data/count 1"); }));
+    count_->set(2);
+    EXPECT_TRUE(eventually([&] { return subscriber->has("value data/count 2"); }));
+    client_->remove_subscriber(subscriber);
+}
+
+// Their first events are more than the server keeps for a client that reads nothing.
+TEST_F(Client, SubscribersOfVeryManyLongPathsAllGetTheirValues) {
+    constexpr unsigned paths = 6000;
+    const std::string end(1000, 'x');
+    std::vector<std::shared_ptr<device_handler_subscriber>> subscribers;
+    std::vector<std::shared_ptr<test::recording_subscriber>> recorded;
+    for (unsigned i = 0; i < paths; ++i) {
+        const std::string path = "many/" + std::to_string(i) + end;
+        keep(dh::api::status_value<unsigned>::create(server_->db(), path, i, 0));
+        recorded.push_back(std::make_shared<test::recording_subscriber>(path));
+        subscribers.push_back(recorded.back());
+    }
+    const auto all_have = [&](std::size_t events) {
+        return eventually([&] {
+            return std::ranges::all_of(
+                recorded, [&](const auto& each) { return each->all().size() == events; });
+        });
+    };
+    const auto connection = std::make_shared<test::recording_connection>();
+    const auto client = device_handler_client::create(host_path_, "handler", connection);
+    client->add_subscribers(subscribers);
+    EXPECT_TRUE(all_have(1));
+    EXPECT_EQ(connection->all(), strings{"established handler"});
+    client->remove_subscribers(subscribers);
+}
+
 TEST_F(Client, SubscriptionsAreRenewedWhenTheServerReturns) {
     const auto subscriber = subscribe("data/count");
     ASSERT_TRUE(eventually([&] { return subscriber->has("value data/count 1"); }));
