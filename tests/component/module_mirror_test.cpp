@@ -134,6 +134,21 @@ TEST_F(ModuleMirror, UnsubscribeEndsTheMirrorOfTheBooster) {
     made->client()->remove_subscriber(observer);
 }
 
+// It is called by another number than its client: nothing of the client's name.
+TEST_F(ModuleMirror, UnsubscribeOfASupervisoryChannelLeavesItsMirror) {
+    const auto handler = serve("osc2");
+    const auto count =
+        dh::api::status_value<unsigned int>::create(handler->db(), "data/count", 1, 0);
+    const auto made = osc::create(1, proxy_, nobody_);
+    ASSERT_TRUE(eventually([&] { return made->client()->is_connected(); }));
+    proxy_->subscribe_path(made->client(), "");
+    ASSERT_TRUE(eventually([&] { return db_.contains("osc/2/data/count"); }));
+    made->unsubscribe();
+    count->set(2);
+    EXPECT_TRUE(eventually(
+        [&] { return test::read(*db_.find_leaf_node("osc/2/data/count")) == R"({"value":2})"; }));
+}
+
 class MonitorPortOffset : public ModuleMirror {
   protected:
     static std::string setting(const std::string& parent) {

@@ -73,6 +73,9 @@ TEST_F(Daemon, GetsReadyWithoutTheBoosterOnceNinetySecondsAreOver) {
     EXPECT_TRUE(
         eventually_logs("6 tm_velt_init msg: Traffic manager initialized for VELT "
                         "listening on port 5100. ["));
+    // Whether or not this machine has them.
+    EXPECT_TRUE(eventually_logs("on interface eth_sfp_2, port 5100"));
+    EXPECT_TRUE(eventually_logs("on interface eth0, port 5100"));
     const auto management = management_client();
     EXPECT_TRUE(eventually([&] { return management->get<bool>("data/configStatus"); }));
 }

@@ -204,6 +204,24 @@ class HandlerRestarts : public testing::Test {
         }
     }
 
+    // What owners are told of by callbacks of their own.
+    void expect_owners_follow_their_modules() {
+        for (const std::string path :
+             {"interface/1/present", "interface/2/present", "cloopl/interface/2/present",
+              "otdr/interface/2/present", "otdr/present", "otdr/data/configStatus"})
+            EXPECT_TRUE(eventually([&] { return management_->get<bool>(path, false); })) << path;
+        for (const std::string path : {"ppm/1/pm/wdm/addLoss", "ppm/2/pm/wdm/addLoss"})
+            EXPECT_TRUE(eventually([&] { return management_->get<unsigned>(path, 0U) == 45U; }))
+                << path;
+    }
+
+    void expect_nothing_for_debugging() {
+        for (const char* client : {"osc/1", "osc/2"}) {
+            for (const std::string& path : paths_under(*management_, client))
+                EXPECT_EQ(path.find("/debug/"), std::string::npos) << path;
+        }
+    }
+
     // What the subscribers of the whole mirrored tree heard last is what a read gives.
     void expect_last_events_equal_values() {
         std::vector<std::string> paths;
@@ -281,6 +299,8 @@ TEST_F(HandlerRestarts, LeaveNothingBehind) {
     restart_while_in_use(all_handlers, restarts_of_each());
 
     expect_mirrors_equal_handlers();
+    expect_owners_follow_their_modules();
+    expect_nothing_for_debugging();
     expect_last_events_equal_values();
     holdings after{};
     EXPECT_TRUE(eventually([&] {

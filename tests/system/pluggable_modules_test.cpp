@@ -57,6 +57,31 @@ TEST_F(PluggableModules, AppearWhenTheyArePutInAndGoWhenTheyArePulled) {
     EXPECT_TRUE(becomes("ppm/2/pm/wdm/addLoss", 45U));
 }
 
+TEST_F(PluggableModules, RestartOfATransceiversHandlerIsFollowedByAllWhoKnowIt) {
+    start("mx47");
+    const auto subscriptions_of = [this](const std::string& path) {
+        return lines("Subscription started on 'present' -> '" + path + "'");
+    };
+    std::vector<std::size_t> before;
+    for (const std::string& path : presence_of_the_transceiver) {
+        EXPECT_TRUE(becomes(path, true)) << path;
+        before.push_back(subscriptions_of(path));
+    }
+    hands_->set<void>("sim/handler/sfp/1/running", false);
+    for (const std::string& path : presence_of_the_transceiver)
+        EXPECT_TRUE(becomes(path, false)) << path;
+    hands_->set<void>("sim/handler/sfp/1/running", true);
+    for (std::size_t i = 0; i < presence_of_the_transceiver.size(); ++i) {
+        const std::string& path = presence_of_the_transceiver[i];
+        EXPECT_TRUE(becomes(path, true)) << path;
+        // The port's own is one beside that of the handler's whole tree.
+        const std::size_t expected = before[i] + (path.starts_with("interface/") ? 2 : 1);
+        EXPECT_TRUE(eventually([&] { return subscriptions_of(path) == expected; }))
+            << path << " " << subscriptions_of(path) << " for " << expected;
+    }
+    EXPECT_EQ(lines("was inserted."), 0U);
+}
+
 TEST_F(PluggableModules, SwappedWhileTheHandlerIsAwayShowsTheNewLossesAndIsNoInsertion) {
     start("k47");
     ASSERT_TRUE(becomes("ppm/2/pm/wdm/addLoss", 45U));

@@ -283,6 +283,8 @@ TEST_F(RestoredSettings, WssEdgeThatNeverGetsReadyCostsTenTriesAndStopsNothing) 
     EXPECT_EQ(log[1], ready);
     EXPECT_EQ(log.back(), done);
     EXPECT_THAT(log, Each(Not(HasSubstr("Caught"))));
+    const auto requests = wss_->requests();
+    EXPECT_EQ(std::ranges::count(requests, "read data/configStatus"), 10);
     EXPECT_EQ(management_->get<unsigned>("control/data/maxChannels"), 40U);
 }
 
