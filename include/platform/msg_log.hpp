@@ -74,7 +74,13 @@ class statement {
 
 }  // namespace msg_log_slg
 
-#define MSG_LOG(channel, severity)                                                \
-    for (msg_log_slg::statement msg_log_statement((channel), (severity));         \
-         msg_log_statement.is_open(); msg_log_statement.push(__FILE__, __LINE__)) \
+// What the code trace names. One of several files of a class is compiled with
+// the name of the class.
+#ifndef MSG_LOG_SOURCE
+#define MSG_LOG_SOURCE __FILE__
+#endif
+
+#define MSG_LOG(channel, severity)                                                      \
+    for (msg_log_slg::statement msg_log_statement((channel), (severity));               \
+         msg_log_statement.is_open(); msg_log_statement.push(MSG_LOG_SOURCE, __LINE__)) \
     msg_log_statement.stream()

@@ -163,10 +163,11 @@ TEST_F(NeighbourSlot, NeighbourIsReadSwitchedOffAndMissedWhenItDies) {
     start_daemon();
     switch_mode("enabled");
     ASSERT_TRUE(comes_to({"ok", 0, true, true})) << now();
-    for (const char* line : {"7 tm_velt_cloop msg: No neighbour modules. Attempting reconnect. [",
-                             "7 tm_velt_cloop msg: Connected to neighbour Booster. IP: fe80::",
-                             "7 tm_velt_cloop Connected to neighbour system_info. IP: fe80::",
-                             "7 tm_velt_cloop msg: Getting K47 boosterTx parameter for MX47. ["})
+    for (const char* line :
+         {"7 tm_velt_cloop msg: No neighbour modules. Attempting reconnect. [control_loop:",
+          "7 tm_velt_cloop msg: Connected to neighbour Booster. IP: fe80::",
+          "7 tm_velt_cloop Connected to neighbour system_info. IP: fe80::",
+          "7 tm_velt_cloop msg: Getting K47 boosterTx parameter for MX47. [control_loop:"})
         EXPECT_EQ(times_logged(line), 1U) << line;
     EXPECT_FLOAT_EQ(shown("eq/calMonToBoosterTxK47"), k47_booster_->get<float>("data/boosterTx"));
     EXPECT_FLOAT_EQ(shown("eq/K47ActualGain"), 5.0F);

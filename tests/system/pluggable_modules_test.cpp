@@ -57,6 +57,17 @@ TEST_F(PluggableModules, AppearWhenTheyArePutInAndGoWhenTheyArePulled) {
     EXPECT_TRUE(becomes("ppm/2/pm/wdm/addLoss", 45U));
 }
 
+TEST_F(PluggableModules, TracesInTheLogNameAClassWhicheverOfItsFilesTheLineIsOf) {
+    start("mx47");
+    for (const std::string line :
+         {"msg: Set max channel nosave to ", "msg: Calculate wanted power"})
+        ASSERT_TRUE(eventually([&] { return lines(line) > 0; })) << line;
+    EXPECT_GT(lines(" [control_loop:"), 0U);
+    EXPECT_GT(lines(" [Regulation_loop:"), 0U);
+    EXPECT_EQ(lines(" [control_loop_"), 0U);
+    EXPECT_EQ(lines(" [Regulation_loop_"), 0U);
+}
+
 TEST_F(PluggableModules, RestartOfATransceiversHandlerIsFollowedByAllWhoKnowIt) {
     start("mx47");
     const auto subscriptions_of = [this](const std::string& path) {
