@@ -47,6 +47,13 @@
 //
 // `reflectors` is what a pulse meets, as "DISTANCE:REFLECTANCE" in m and dB,
 // separated by blanks: "400:-45 5200:-14".
+//
+// and for the card itself:
+//
+//     install_software              version
+//
+// `version` is what the system information tells from then on, a text that is
+// not empty.
 #pragma once
 
 #include "fibre_trace.hpp"
@@ -134,6 +141,10 @@ struct line_reflectors {
 
 using line_action = std::variant<line_cut, line_repair, line_loss, line_reflectors>;
 
+struct software_action {
+    std::string version;
+};
+
 template <class Action>
 struct timed {
     double time;  // seconds since the start
@@ -144,6 +155,7 @@ using timed_plant_action = timed<plant_action>;
 using timed_handler_action = timed<handler_action>;
 using timed_module_action = timed<module_action>;
 using timed_line_action = timed<line_action>;
+using timed_software_action = timed<software_action>;
 
 // Each list in the order of time; actions of one time in the order of the file.
 struct scenario {
@@ -151,6 +163,7 @@ struct scenario {
     std::vector<timed_handler_action> on_handlers;
     std::vector<timed_module_action> on_modules;
     std::vector<timed_line_action> on_line;
+    std::vector<timed_software_action> on_software;
 };
 
 // A file that is no scenario. The text names the entry that is wrong.

@@ -276,6 +276,17 @@ std::optional<line_action> parse_line_action(const entry& from) {
     return std::nullopt;
 }
 
+// Nothing where there is no such action on the software.
+std::optional<software_action> parse_software_action(const entry& from) {
+    if (from.text("action") != "install_software")
+        return std::nullopt;
+    from.allow_members({"time", "action", "version"});
+    auto version = json::to<std::string>(from.text("version"));
+    if (version.empty())
+        from.fail("\"version\" is empty");
+    return software_action{std::move(version)};
+}
+
 void parse_action(const entry& from, const std::vector<std::string>& handlers, scenario& into) {
     const double time = from.number("time", scenario_time_range);
     const json::value& name = from.text("action");
@@ -287,6 +298,8 @@ void parse_action(const entry& from, const std::vector<std::string>& handlers, s
         into.on_modules.push_back({time, name.GetString(), *on_module});
     else if (auto on_line = parse_line_action(from))
         into.on_line.push_back({time, name.GetString(), std::move(*on_line)});
+    else if (auto on_software = parse_software_action(from))
+        into.on_software.push_back({time, name.GetString(), std::move(*on_software)});
     else
         from.fail("there is no action " + quoted(name));
 }
@@ -339,6 +352,7 @@ scenario parse_scenario(std::string_view text, const std::vector<std::string>& h
     sort_by_time(result.on_handlers);
     sort_by_time(result.on_modules);
     sort_by_time(result.on_line);
+    sort_by_time(result.on_software);
     return result;
 }
 

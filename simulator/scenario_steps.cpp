@@ -68,6 +68,11 @@ std::vector<timed_step> steps_of(const scenario& actions,
         steps.push_back({time, name, [line = models.line, action = on_line] {
                              std::visit([&](const auto& one) { carry_out_on(*line, one); }, action);
                          }});
+    for (const auto& [time, name, action] : actions.on_software)
+        steps.push_back({time, name + ' ' + action.version,
+                         [software = models.software, version = action.version] {
+                             software->set_version(version);
+                         }});
     return steps;
 }
 

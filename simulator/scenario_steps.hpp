@@ -1,4 +1,5 @@
-// What the actions of a scenario are on the handlers and the modules of a card.
+// What the actions of a scenario are on the handlers, the modules, the line and
+// the software of a card.
 #pragma once
 
 #include "action_player.hpp"

@@ -82,12 +82,14 @@ class NeighbourSlot : public test::daemon_fixture {
         store_.set("/v1/rows/module/2/system/info/inventory/productName", product);
     }
 
-    void start_k47() {
-        k47_.emplace(
-            network_namespace::entering_program,
-            neighbour_.entering(simulator_program, {"--card", "k47", "--ipv6", "eth_card", "--root",
-                                                    test::root() + k47_root, "--fed-by", ""}),
-            simulated_surroundings(), test::root());
+    void start_k47(const std::vector<std::string>& options = {}) {
+        std::vector<std::string> arguments{"--card",   "k47",    "--ipv6",
+                                           "eth_card", "--root", test::root() + k47_root,
+                                           "--fed-by", ""};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        k47_.emplace(network_namespace::entering_program,
+                     neighbour_.entering(simulator_program, arguments), simulated_surroundings(),
+                     test::root());
         ASSERT_TRUE(eventually([this] { return k47_->has_logged("msg: Card k47 is served"); }));
         k47_hands_ = client_of(std::string(k47_root) + "/tmp/device_handlers/sim");
         k47_booster_ = client_of(std::string(k47_root) + "/tmp/device_handlers/booster");
@@ -215,8 +217,11 @@ TEST_F(NeighbourSlot, ValuesAreTakenOverTogetherOrNotAtAll) {
 
 TEST_F(NeighbourSlot, OtherSoftwareIsRefusedOnceAndUsedFromThenOn) {
     lift_power_limit();
-    start_k47();
-    k47_hands_->set<void>("sim/softwareVersion", std::string("2.0.0"));
+    test::put_file("/scenario.json", R"({"actions":[
+        {"time":0,"action":"install_software","version":"2.0.0"}]})");
+    start_k47({"--scenario", test::root() + "/scenario.json"});
+    ASSERT_TRUE(eventually(
+        [this] { return k47_hands_->get<std::string>("sim/softwareVersion") == "2.0.0"; }));
     start_daemon();
     switch_mode("enabled");
     ASSERT_TRUE(comes_to({"connecting", 0, false, false})) << now();

@@ -397,6 +397,29 @@ TEST(ModuleActions, OnWhatIsNoModuleAreRefused) {
               "actions[0]: has no use for \"handler\"");
 }
 
+TEST(SoftwareActions, TellTheVersion) {
+    const scenario parsed =
+        parse_scenario(R"({"actions":[{"time":5,"action":"install_software","version":"2.0.0"}]})");
+    ASSERT_EQ(parsed.on_software.size(), 1U);
+    EXPECT_EQ(parsed.on_software[0].time, 5.0);
+    EXPECT_EQ(parsed.on_software[0].action.version, "2.0.0");
+}
+
+TEST(SoftwareActions, WithoutAVersionAreRefused) {
+    for (const auto& [members, why] :
+         {std::pair(R"("time":1)", "actions[0]: \"version\" is missing"),
+          std::pair(R"("time":1,"version":2)", "actions[0]: \"version\" is no text"),
+          std::pair(R"("time":1,"version":"")", "actions[0]: \"version\" is empty")}) {
+        try {
+            parse_scenario(R"({"actions":[{"action":"install_software",)" + std::string(members) +
+                           "}]}");
+            ADD_FAILURE() << members;
+        } catch (const scenario_error& error) {
+            EXPECT_STREQ(error.what(), why);
+        }
+    }
+}
+
 TEST(ExampleScenarios, AllParse) {
     const auto t47_handlers = handler_names(*find_card_kind("t47"));
     unsigned found = 0;
