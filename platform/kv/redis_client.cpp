@@ -4,6 +4,7 @@
 
 #include <hiredis/hiredis.h>
 
+#include <fcntl.h>
 #include <sys/time.h>
 #include <algorithm>
 #include <charconv>
@@ -58,6 +59,8 @@ connection connect(const std::string& address, clock::time_point end) {
     if (!open || open->err != 0)
         throw redis_error("no connection to the key-value store " + address +
                           (open ? ": " + std::string(open->errstr) : std::string()));
+    // The shell commands that the daemon runs have no use for it.
+    ::fcntl(open->fd, F_SETFD, FD_CLOEXEC);
     return open;
 }
 

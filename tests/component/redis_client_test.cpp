@@ -1,6 +1,7 @@
 #include "redis_client.hpp"
 
 #include "eventually.hpp"
+#include "host.hpp"
 #include "process.hpp"
 #include "redis_server.hpp"
 #include "test_root.hpp"
@@ -91,6 +92,18 @@ TEST_F(RedisClientOfAStore, TrueAndOneAreTrueAndAnyOtherTextIsFalse) {
         store_.set("/present", text);
         EXPECT_FALSE(client().get<bool>("/present", true, limit)) << text;
     }
+}
+
+TEST_F(RedisClientOfAStore, ConnectionIsNotLeftToTheCommandsThatAreRun) {
+    const auto sockets_of_a_command = [] {
+        return host::shell_reader("ls -l /proc/self/fd | grep -c 'socket:' || true").read_all();
+    };
+    std::thread([&] {
+        const std::string before = sockets_of_a_command();
+        store_.set("key", "value");
+        EXPECT_EQ(client().get<std::string>("key", limit), "value");
+        EXPECT_EQ(sockets_of_a_command(), before);
+    }).join();
 }
 
 TEST_F(RedisClientOfAStore, KeysAreTakenToTheLetter) {
