@@ -246,6 +246,7 @@ void connection::process_line(const std::shared_ptr<link>& open, std::string_vie
     } else if (const json::value* params = json::find(*parsed, "params")) {
         if (!process_event(*params)) {
             complain(too_many_events_, "sends more events than can be taken");
+            drop_waiting_events();
             break_link(open, dh_client_code::bad_reply, "bad reply");
         }
     }

@@ -122,7 +122,9 @@ class device_handler_client_base::connection
     void process_reply(const json::value& reply);
     bool process_event(const json::value& params);
     bool queue_event(event&&);
+    static bool is_answer(const event&);
     bool is_asked_for_locked(const event&);
+    void drop_waiting_events();
     void fail_request(const std::shared_ptr<device_handler_request>&, int code,
                       const std::string& message);
     void finish(device_handler_request&);

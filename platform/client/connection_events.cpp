@@ -240,6 +240,19 @@ bool connection::is_asked_for_locked(const event& came) {
     return subscriptions_.contains(came.path);
 }
 
+// What answers a request of this client is as much as it has asked for.
+bool connection::is_answer(const event& e) {
+    return e.what == event::kind::listed || e.what == event::kind::unset ||
+           e.what == event::kind::watch_failed;
+}
+
+// A connection that is made anew tells what is, and is not to break in its turn
+// over what the one before has left.
+void connection::drop_waiting_events() {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(events_, [](const event& waiting) { return !is_answer(waiting); });
+}
+
 // False where there is more than can be taken.
 bool connection::queue_event(event&& came) {
     const std::lock_guard lock(mutex_);
@@ -250,10 +263,7 @@ bool connection::queue_event(event&& came) {
                 << shown(came.path);
         return true;
     }
-    // What answers a request of this client is as much as it has asked for.
-    const bool is_answer = came.what == event::kind::listed || came.what == event::kind::unset ||
-                           came.what == event::kind::watch_failed;
-    if (events_.size() >= max_kept_events && !is_answer)
+    if (events_.size() >= max_kept_events && !is_answer(came))
         return false;
     const auto is_state = [](const event& e) {
         return e.what == event::kind::value || e.what == event::kind::error;
@@ -382,10 +392,10 @@ void connection::deliver_to_watchers(const event& came) {
     {
         const std::lock_guard lock(mutex_);
         for (watched_tree& each : watches_) {
-            const bool is_answer =
+            const bool ends_its_wait =
                 came.what == event::kind::listed || came.what == event::kind::watch_failed;
             // What changed before the listing is in the listing.
-            const bool concerns = is_answer
+            const bool concerns = ends_its_wait
                                       ? each.id == came.watch
                                       : each.was_listed && wire::is_under(came.path, each.prefix);
             if (!concerns)

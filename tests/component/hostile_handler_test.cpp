@@ -428,6 +428,7 @@ TEST_F(HostileHandler, FloodThatCannotBeThinnedBreaksTheConnectionWithOneLine) {
     }));
     EXPECT_THAT(complaints(), ElementsAre("msg: " + test::root() + host_path_ +
                                           " sends more events than can be taken"));
+    EXPECT_EQ(server_->accepted_connections(), 2U);
 }
 
 TEST_F(HostileHandler, ListingThatNeverEndsBreaksTheConnectionAndTheNextOneIsMirrored) {
