@@ -140,8 +140,12 @@ class NeighbourSlot : public test::daemon_fixture {
 
     std::size_t times_logged(const std::string& text) const { return process_->times_logged(text); }
 
-    // Whatever the light, the booster has the gain that it was told.
-    void lift_power_limit() { hands_->set<void>("sim/eq/booster/powerLimit", 30.0); }
+    // Whatever the regulation does, the booster has the gain that it was told.
+    void keep_light_below_power_limit() {
+        hands_->set<void>("sim/eq/booster/powerLimit", 30.0);
+        for (unsigned channel = 5; channel <= channels; ++channel)
+            hands_->set<void>("sim/eq/channel/" + std::to_string(channel) + "/lit", false);
+    }
 
     float shown(const std::string& path) { return management_->get<float>("control/data/" + path); }
 
@@ -160,7 +164,7 @@ class NeighbourSlot : public test::daemon_fixture {
 };
 
 TEST_F(NeighbourSlot, NeighbourIsReadSwitchedOffAndMissedWhenItDies) {
-    lift_power_limit();
+    keep_light_below_power_limit();
     start_k47();
     // The EQ port is regulated only while the neighbour's booster is on: so what
     // is read of it stays as it is read.
@@ -198,7 +202,7 @@ TEST_F(NeighbourSlot, NeighbourIsReadSwitchedOffAndMissedWhenItDies) {
 }
 
 TEST_F(NeighbourSlot, ValuesAreTakenOverTogetherOrNotAtAll) {
-    lift_power_limit();
+    keep_light_below_power_limit();
     start_k47();
     start_daemon();
     switch_mode("enabled");
@@ -216,7 +220,7 @@ TEST_F(NeighbourSlot, ValuesAreTakenOverTogetherOrNotAtAll) {
 }
 
 TEST_F(NeighbourSlot, OtherSoftwareIsRefusedOnceAndUsedFromThenOn) {
-    lift_power_limit();
+    keep_light_below_power_limit();
     test::put_file("/scenario.json", R"({"actions":[
         {"time":0,"action":"install_software","version":"2.0.0"}]})");
     start_k47({"--scenario", test::root() + "/scenario.json"});
